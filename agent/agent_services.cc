@@ -1,0 +1,28 @@
+#include <pkgdlv/agent_services.h>
+
+#include <system_error>
+
+#include "agent/agent_log.h"
+#include "agent/clock.h"
+#include "agent/settings_store.h"
+#include "util/error.h"
+#include "util/paths.h"
+
+namespace pkgdlv {
+
+AgentServices AgentServices::CreateDefault(const std::filesystem::path& data_folder) {
+  std::error_code ec;
+  std::filesystem::create_directories(data_folder, ec);
+  if (ec) Throw(FromWin32(win32::kPathNotFound), "Cannot create the data folder %ls: %hs", data_folder.string(), ec.message());
+
+  AgentServices services;
+  services.data_folder = data_folder;
+  services.clock = NewSystemClock();
+  services.settings = OpenSqliteSettingsStore(data_folder / "settings.db");
+  AgentLogOptions log_options;
+  log_options.default_folder = DefaultLogFolder(data_folder);
+  services.log = NewAgentLog(services.settings, services.clock, log_options);
+  return services;
+}
+
+}  // namespace pkgdlv

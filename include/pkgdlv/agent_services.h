@@ -1,0 +1,28 @@
+// The agent-core services the component uses, gathered in one bundle that the
+// delivery object receives when it is made and passes down. Each service is
+// an interface with a Linux implementation and a fake for tests; nothing in
+// the component reaches the operating system for these services otherwise.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+
+namespace pkgdlv {
+
+class Clock;
+class SettingsStore;
+class Logger;
+
+struct AgentServices {
+  std::filesystem::path data_folder;        // the agent's data folder
+  std::shared_ptr<Clock> clock;             // file time, tick count, waits
+  std::shared_ptr<SettingsStore> settings;  // the registry's role
+  std::shared_ptr<Logger> log;              // the agent log
+
+  // The real services over a data folder (created when missing): the system
+  // clock, "settings.db" and the agent log in "log". Throws Error when the
+  // settings database cannot be opened.
+  static AgentServices CreateDefault(const std::filesystem::path& data_folder);
+};
+
+}  // namespace pkgdlv

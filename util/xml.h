@@ -1,0 +1,99 @@
+// XML on libxml2: a document tree with path selection, and a writer.
+//
+// Parsing is safe for hostile input: no network access, no external entities
+// or DTDs loaded, entity expansion limited, depth limited. UTF-16 input with
+// its byte order mark is converted; all text handed out is UTF-8.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+struct _xmlNode;
+struct _xmlDoc;
+
+namespace pkgdlv::xml {
+
+// A handle to an element of a Document; valid while the Document lives.
+class Node {
+ public:
+  Node() = default;
+  explicit Node(_xmlNode* node) : node_(node) {}
+
+  explicit operator bool() const { return node_ != nullptr; }
+  std::string Name() const;  // the element's name as written
+  std::optional<std::string> Attribute(std::string_view name) const;
+  bool HasAttribute(std::string_view name) const;
+  // Attributes in document order as (name, value).
+  std::vector<std::pair<std::string, std::string>> Attributes() const;
+  std::string Text() const;               // concatenated text content
+  std::vector<Node> Children() const;     // element children, in order
+  // XPath relative to this element ("listenRange/address", "//Codebases").
+  std::vector<Node> Select(std::string_view path) const;
+  Node SelectFirst(std::string_view path) const;
+
+  _xmlNode* raw() const { return node_; }
+
+ private:
+  _xmlNode* node_ = nullptr;
+};
+
+class Document {
+ public:
+  // Parses text (UTF-8, or UTF-16 with a byte order mark). Throws Error with
+  // code 0x8007000D (invalid data) and libxml2's message on malformed input.
+  static Document Parse(std::string_view text);
+  // The same without throwing: nullopt and, when error is given, the message.
+  static std::optional<Document> TryParse(std::string_view text, std::string* error = nullptr);
+
+  Document(Document&&) noexcept;
+  Document& operator=(Document&&) noexcept;
+  ~Document();
+
+  Node Root() const;  // the document element; empty Node when there is none
+  std::vector<Node> Select(std::string_view path) const;
+  Node SelectFirst(std::string_view path) const;
+
+ private:
+  Document() = default;
+  _xmlDoc* doc_ = nullptr;
+};
+
+// Builds a document as text, element by element. Attribute values and text
+// are escaped. Without an XML declaration unless asked for.
+class Writer {
+ public:
+  struct Options {
+    bool declaration = false;      // <?xml version="1.0" encoding="UTF-8"?>
+    std::string indent;            // "" writes everything on one line
+    std::string newline = "\n";    // line break used when indenting
+  };
+  Writer();
+  explicit Writer(Options options);
+
+  Writer& StartElement(std::string_view name);
+  Writer& Attribute(std::string_view name, std::string_view value);
+  Writer& Text(std::string_view text);
+  Writer& EndElement();  // writes "/>" for an element without content
+  // Closes what is open and returns the text.
+  std::string Finish();
+
+ private:
+  void CloseStartTag();
+  void NewLine(size_t depth);
+
+  Options options_;
+  std::string out_;
+  std::vector<std::string> open_;
+  bool start_tag_open_ = false;
+  bool had_children_ = false;
+  bool had_text_ = false;
+};
+
+// Escapes &, <, >, " and ' for use in an attribute value or text.
+std::string Escape(std::string_view text);
+
+}  // namespace pkgdlv::xml
