@@ -17,6 +17,7 @@ class FakeClock final : public Clock {
   FileTime Now() override;
   uint64_t TickCount() override;
   int WaitAny(std::span<Event* const> events, uint32_t timeout_ms) override;
+  using Clock::WaitAny;
 
   void Advance(uint64_t ms);
   void SetNow(FileTime now);
