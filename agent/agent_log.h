@@ -32,8 +32,21 @@ struct AgentLogOptions {
   std::ostream* debug_output = nullptr;
 };
 
-// Never throws: a line that cannot be written is dropped.
+// The log over a settings store and a clock, shared by every thread of the
+// process; any thread may log. Settings are read from "Event Logging\logfile"
+// (a missing "Severity", "MaxSize", "MaxFiles" or "FileName" is written with
+// its default) and cached for options.settings_cache_ms, or until the
+// store's change counter moves. Records are appended under an exclusive
+// flock on "<file name>.lock" beside the log, so that the processes sharing
+// the file write and roll it over one after another.
+// Logging never throws: a line that cannot be written is dropped. Without a
+// store or a clock every line is dropped.
 std::shared_ptr<Logger> NewAgentLog(std::shared_ptr<SettingsStore> settings, std::shared_ptr<Clock> clock,
                                     AgentLogOptions options);
+
+// The file the log writes to now ("FilePath" and "FileName", or their
+// defaults), read without writing anything. Never throws: a failing store
+// gives the default file in default_folder.
+std::filesystem::path CurrentAgentLogFile(SettingsStore& settings, const std::filesystem::path& default_folder);
 
 }  // namespace pkgdlv

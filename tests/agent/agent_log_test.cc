@@ -1,0 +1,517 @@
+#include "agent/agent_log.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "agent/log_record.h"
+#include "support/agent_log_parser.h"
+#include "support/fake_clock.h"
+#include "support/memory_settings_store.h"
+#include "support/temp_dir.h"
+#include "util/format.h"
+
+namespace pkgdlv {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::FakeClock;
+using testing::MemorySettingsStore;
+using testing::ParseAgentLog;
+using testing::ParsedLogFile;
+using testing::ReadFile;
+using testing::TempDir;
+using testing::WriteFile;
+
+constexpr std::string_view kLogKey = "Event Logging\\logfile";
+
+// Sets TZ for the life of the object and restores the previous zone.
+class ScopedTimeZone {
+ public:
+  explicit ScopedTimeZone(const char* zone) {
+    if (const char* old = std::getenv("TZ")) old_ = old;
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  ~ScopedTimeZone() {
+    if (old_) {
+      setenv("TZ", old_->c_str(), 1);
+    } else {
+      unsetenv("TZ");
+    }
+    tzset();
+  }
+
+ private:
+  std::optional<std::string> old_;
+};
+
+class AgentLogTest : public ::testing::Test {
+ protected:
+  AgentLogTest() {
+    options_.default_folder = dir_ / "log";
+    options_.process_name = "testproc";
+    options_.console = &console_;
+    options_.debug_output = &debug_;
+  }
+
+  std::shared_ptr<Logger> NewLog() { return NewAgentLog(store_, clock_, options_); }
+  void SetNumber(std::string_view name, uint32_t value) { store_->Set(kLogKey, name, SettingValue::Number(value)); }
+  void SetText(std::string_view name, std::string value) { store_->Set(kLogKey, name, SettingValue::Text(value)); }
+
+  fs::path LogFile(std::string_view name = "Agent.log") const { return dir_ / "log" / name; }
+  ParsedLogFile Parse(std::string_view name = "Agent.log") const {
+    ParsedLogFile parsed = ParseAgentLog(ReadFile(LogFile(name)));
+    EXPECT_EQ(parsed.error, "") << name;
+    return parsed;
+  }
+  // The event records of the file, without its start record.
+  std::vector<testing::ParsedLogRecord> Events(std::string_view name = "Agent.log") const {
+    std::vector<testing::ParsedLogRecord> events;
+    for (auto& record : Parse(name).records) {
+      if (!record.start) events.push_back(record);
+    }
+    return events;
+  }
+
+  ScopedTimeZone zone_{"UTC0"};
+  TempDir dir_;
+  std::shared_ptr<MemorySettingsStore> store_ = std::make_shared<MemorySettingsStore>();
+  std::shared_ptr<FakeClock> clock_ = std::make_shared<FakeClock>();
+  std::ostringstream console_;
+  std::ostringstream debug_;
+  AgentLogOptions options_;
+};
+
+TEST_F(AgentLogTest, NewFileStartsWithHeaderRecordThenEventRecordsExactly) {
+  store_->Set("Dynamic Data", "LogFileHeader", SettingValue::Text("Agent 9.1 on testhost"));
+  clock_->Advance(1234);  // 00:00:01.234, tick 1001234
+  auto log = NewLog();
+  log->Log(loglevel::kInfo, "PackageManager", "Queued %ls", "{1}");
+  clock_->Advance(1);
+  log->Log(loglevel::kWarning | loglevel::kErrorAsInfo, "DownloadQueue", "second");
+
+  char host[256] = {};
+  gethostname(host, sizeof host - 1);
+  auto head = [&](const char* date, int severity, const char* source, const char* tick) {
+    return Format(
+        "<event date='%ls' severity='%d' hostName='%ls' source='%ls' module='pkgdlv' process='testproc' pid='%d' "
+        "thread='%d' tickCount='%ls'",
+        date, severity, host, source, getpid(), gettid(), tick);
+  };
+  const std::string expected = head("01/01/2026 00:00:01.2340000 +00:00", 4, "Log File Start", "1001234") +
+                               ">\r\n <![CDATA[Agent 9.1 on testhost]]>\r\n</event>" + "\r\n" +
+                               head("01/01/2026 00:00:01.2340000 +00:00", 4, "PackageManager", "1001234") +
+                               " >\r\n  <![CDATA[Queued {1}]]>\r\n</event>" + "\r\n" +
+                               head("01/01/2026 00:00:01.2350000 +00:00", 2, "DownloadQueue", "1001235") +
+                               " >\r\n  <![CDATA[second]]>\r\n</event>";
+  EXPECT_EQ(ReadFile(LogFile()), expected);
+}
+
+TEST_F(AgentLogTest, MissingHeaderGivesAnEmptyStartRecord) {
+  NewLog()->Log(loglevel::kError, "Snapshot", "x");
+  ParsedLogFile parsed = Parse();
+  ASSERT_EQ(parsed.records.size(), 2u);
+  EXPECT_TRUE(parsed.records[0].start);
+  EXPECT_EQ(parsed.records[0].Attribute("source"), "Log File Start");
+  EXPECT_EQ(parsed.records[0].text, "");
+  EXPECT_EQ(parsed.records[1].Attribute("severity"), "1");
+}
+
+struct DateCase {
+  const char* zone;
+  const char* expected;
+};
+void PrintTo(const DateCase& c, std::ostream* os) { *os << c.zone; }
+
+class LogDateTest : public ::testing::TestWithParam<DateCase> {};
+
+TEST_P(LogDateTest, LocalTimeWithZoneOffset) {
+  ScopedTimeZone zone(GetParam().zone);
+  FileTime time = *FromCivilUtc({2026, 1, 1, 0, 0, 0, 123});
+  EXPECT_EQ(agent_log::FormatLogDate(time), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Zones, LogDateTest,
+                         ::testing::Values(DateCase{"UTC0", "01/01/2026 00:00:00.1230000 +00:00"},
+                                           DateCase{"EST5", "12/31/2025 19:00:00.1230000 -05:00"},
+                                           DateCase{"<-0330>3:30", "12/31/2025 20:30:00.1230000 -03:30"},
+                                           DateCase{"IST-5:30", "01/01/2026 05:30:00.1230000 +05:30"},
+                                           DateCase{"<+1245>-12:45", "01/01/2026 12:45:00.1230000 +12:45"}));
+
+struct MessageCase {
+  std::string name;
+  std::string component;
+  std::string message;
+  std::string expected_text;
+};
+void PrintTo(const MessageCase& c, std::ostream* os) { *os << c.name; }
+
+class AgentLogMessageTest : public AgentLogTest, public ::testing::WithParamInterface<MessageCase> {};
+
+TEST_P(AgentLogMessageTest, MessageAndSourceSurviveTheRecord) {
+  NewLog()->Write(loglevel::kInfo, GetParam().component, GetParam().message);
+  auto events = Events();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].Attribute("source"), GetParam().component);
+  EXPECT_EQ(events[0].text, GetParam().expected_text);
+}
+
+std::string Repeat(std::string_view piece, size_t times) {
+  std::string out;
+  for (size_t i = 0; i < times; ++i) out += piece;
+  return out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Messages, AgentLogMessageTest,
+                         ::testing::Values(MessageCase{"Plain", "PackageRequest", "done", "done"},
+                                           MessageCase{"CdataEndInside", "Snapshot", "a]]>b]]>", "a]]>b]]>"},
+                                           MessageCase{"QuotesInSource", "it's <\"x\"> & co", "m", "m"},
+                                           MessageCase{"LongAsciiCut", "C", Repeat("x", 5000), Repeat("x", 4096)},
+                                           MessageCase{"ExactlyAtLimit", "C", Repeat("y", 4096), Repeat("y", 4096)},
+                                           MessageCase{"MultiByteNotSplit", "C",
+                                                       Repeat("x", 4095) + "\xC3\xA9\xE2\x82\xAC",
+                                                       Repeat("x", 4095) + "\xC3\xA9"},
+                                           MessageCase{"CountsCharactersNotBytes", "C", Repeat("\xE2\x82\xAC", 4097),
+                                                       Repeat("\xE2\x82\xAC", 4096)}),
+                         [](const auto& info) { return info.param.name; });
+
+struct FilterCase {
+  std::string name;
+  std::optional<SettingValue> severity_setting;
+  uint32_t process_mask;
+  uint32_t level;
+  std::optional<uint32_t> written_severity;  // nullopt: dropped
+};
+void PrintTo(const FilterCase& c, std::ostream* os) { *os << c.name; }
+
+class AgentLogFilterTest : public AgentLogTest, public ::testing::WithParamInterface<FilterCase> {};
+
+TEST_P(AgentLogFilterTest, SeverityMaskAndFlagsDecideWhatIsWritten) {
+  const FilterCase& c = GetParam();
+  if (c.severity_setting) store_->Set(kLogKey, "Severity", *c.severity_setting);
+  options_.process_mask = c.process_mask;
+  auto log = NewLog();
+  EXPECT_EQ(log->IsEnabled(c.level), c.written_severity.has_value());
+  log->Log(c.level, "Filter", "line");
+  // A marker line at error level shows the file is writable in every case.
+  log->Log(loglevel::kError, "Marker", "marker");
+
+  auto events = Events();
+  std::vector<std::string> severities;
+  for (auto& e : events) {
+    if (e.Attribute("source") == "Filter") severities.push_back(e.Attribute("severity"));
+  }
+  if (c.written_severity) {
+    EXPECT_EQ(severities, std::vector<std::string>{std::to_string(*c.written_severity)});
+  } else {
+    EXPECT_TRUE(severities.empty());
+  }
+}
+
+using loglevel::kDebugOutput;
+using loglevel::kError;
+using loglevel::kErrorAsInfo;
+using loglevel::kForceTrace;
+using loglevel::kInfo;
+using loglevel::kSilent;
+using loglevel::kTrace;
+using loglevel::kWarning;
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, AgentLogFilterTest,
+    ::testing::Values(
+        FilterCase{"DefaultWritesInfo", std::nullopt, 0, kInfo, kInfo},
+        FilterCase{"DefaultDropsTrace", std::nullopt, 0, kTrace, std::nullopt},
+        FilterCase{"Severity3DropsInfo", SettingValue::Number(3), 0, kInfo, std::nullopt},
+        FilterCase{"Severity3WritesWarning", SettingValue::Number(3), 0, kWarning, kWarning},
+        FilterCase{"ErrorAsInfoDroppedBySeverity3", SettingValue::Number(3), 0, kError | kErrorAsInfo, std::nullopt},
+        FilterCase{"ErrorAsInfoWrittenAsInfo", std::nullopt, 0, kError | kErrorAsInfo, kInfo},
+        FilterCase{"ErrorAsInfoLeavesWarning", SettingValue::Number(3), 0, kWarning | kErrorAsInfo, kWarning},
+        FilterCase{"TextSeverityReadsSeven", SettingValue::Text("15"), 0, kTrace, std::nullopt},
+        FilterCase{"TextSeverityStillWritesInfo", SettingValue::Text("15"), 0, kInfo, kInfo},
+        FilterCase{"ProcessMaskAddsInfo", SettingValue::Number(3), kInfo, kInfo, kInfo},
+        FilterCase{"ForceTraceDroppedByDefault", std::nullopt, 0, kError | kForceTrace, std::nullopt},
+        FilterCase{"ForceTraceWrittenAtTrace", SettingValue::Number(8), 0, kError | kForceTrace, kTrace},
+        FilterCase{"SilentDropsEvenErrors", std::nullopt, 0xFF, kError | kSilent, std::nullopt},
+        FilterCase{"SeverityZeroDropsAll", SettingValue::Number(0), 0, kInfo, std::nullopt},
+        FilterCase{"OutOfRangeClampsToDebug", SettingValue::Number(32), 0, 0xC0, loglevel::kDebug}),
+    [](const auto& info) { return info.param.name; });
+
+struct StreamCase {
+  std::string name;
+  uint32_t level;
+  std::string console;
+  std::string debug;
+};
+void PrintTo(const StreamCase& c, std::ostream* os) { *os << c.name; }
+
+class AgentLogStreamTest : public AgentLogTest, public ::testing::WithParamInterface<StreamCase> {};
+
+TEST_P(AgentLogStreamTest, ConsoleAndDebugOutputCopies) {
+  SetNumber("Severity", 0xFF);
+  NewLog()->Log(GetParam().level, "MulticastEngine", "joined %d", 3);
+  EXPECT_EQ(console_.str(), GetParam().console);
+  EXPECT_EQ(debug_.str(), GetParam().debug);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Flags, AgentLogStreamTest,
+    ::testing::Values(StreamCase{"NoFlag", kInfo, "", ""},
+                      StreamCase{"Console", kInfo | loglevel::kConsole, " INFO\tMulticastEngine\t\tjoined 3\r\n", ""},
+                      StreamCase{"Debug", kWarning | kDebugOutput, "", "*WARN\tMulticastEngine\t\tjoined 3\n"},
+                      StreamCase{"Both", kError | kDebugOutput | loglevel::kConsole,
+                                 "*ERRR\tMulticastEngine\t\tjoined 3\r\n", "*ERRR\tMulticastEngine\t\tjoined 3\n"},
+                      StreamCase{"ForcedTraceTag", kError | kForceTrace | loglevel::kConsole,
+                                 "<TRC>\tMulticastEngine\t\tjoined 3\r\n", ""},
+                      StreamCase{"SilentBeatsConsole", kError | kSilent | loglevel::kConsole, "", ""}),
+    [](const auto& info) { return info.param.name; });
+
+TEST_F(AgentLogTest, FilteredLineReachesNoStream) {
+  SetNumber("Severity", 1);
+  NewLog()->Log(kInfo | loglevel::kConsole | kDebugOutput, "C", "m");
+  EXPECT_EQ(console_.str(), "");
+  EXPECT_EQ(debug_.str(), "");
+  EXPECT_FALSE(fs::exists(LogFile()));
+}
+
+TEST_F(AgentLogTest, MissingFixedSettingsAreWrittenWithDefaultsButNotTheFolder) {
+  SetText("Severity", "loud");
+  NewLog()->Log(kInfo, "C", "m");
+  EXPECT_EQ(store_->Get(kLogKey, "Severity"), SettingValue::Text("loud"));  // wrong type kept, read as 7
+  EXPECT_EQ(store_->Get(kLogKey, "MaxSize"), SettingValue::Number(100));
+  EXPECT_EQ(store_->Get(kLogKey, "MaxFiles"), SettingValue::Number(20));
+  EXPECT_EQ(store_->Get(kLogKey, "FileName"), SettingValue::Text("Agent.log"));
+  EXPECT_EQ(store_->Get(kLogKey, "FilePath"), std::nullopt);
+  EXPECT_EQ(Events().size(), 1u);
+}
+
+TEST_F(AgentLogTest, FailingSettingsWritesDoNotStopTheLog) {
+  store_->FailWrites(true);
+  auto log = NewLog();
+  for (int i = 0; i < 3; ++i) log->Log(kInfo, "C", "m%d", i);
+  EXPECT_EQ(Events().size(), 3u);
+  EXPECT_EQ(store_->WriteCount(), 0u);
+}
+
+TEST_F(AgentLogTest, SettingsAreCachedUntilTheChangeCounterMoves) {
+  options_.settings_cache_ms = 60'000;
+  auto log = NewLog();
+  log->Log(kInfo, "C", "first");  // writes the defaults, which moves the counter once
+  log->Log(kInfo, "C", "second");
+  const uint64_t reads = store_->GetCount();
+  log->Log(kInfo, "C", "third");
+  EXPECT_EQ(store_->GetCount(), reads) << "settings read again without a change";
+
+  SetNumber("Severity", 3);
+  log->Log(kInfo, "C", "dropped");
+  SetText("FilePath", (dir_ / "elsewhere").string());
+  log->Log(kWarning, "C", "moved");
+
+  std::vector<std::string> texts;
+  for (auto& e : Events()) texts.push_back(e.text);
+  EXPECT_EQ(texts, (std::vector<std::string>{"first", "second", "third"}));
+  auto moved = ParseAgentLog(ReadFile(dir_ / "elsewhere" / "Agent.log"));
+  ASSERT_EQ(moved.records.size(), 2u);
+  EXPECT_EQ(moved.records[1].text, "moved");
+}
+
+TEST_F(AgentLogTest, SettingsAreReadAgainWhenTheCacheIntervalPasses) {
+  options_.settings_cache_ms = 10'000;
+  SetNumber("Severity", 7);
+  SetNumber("MaxSize", 100);
+  SetNumber("MaxFiles", 20);
+  SetText("FileName", "Agent.log");
+  auto log = NewLog();
+  log->Log(kInfo, "C", "first");
+  const uint64_t reads = store_->GetCount();
+  clock_->Advance(9'999);
+  log->Log(kInfo, "C", "cached");
+  EXPECT_EQ(store_->GetCount(), reads);
+  clock_->Advance(1);
+  log->Log(kInfo, "C", "read again");
+  EXPECT_GT(store_->GetCount(), reads);
+}
+
+// Appends event lines of about 200 bytes until the file passes the size.
+void FillPast(Logger& log, const fs::path& file, uintmax_t bytes) {
+  const std::string padding(150, 'p');
+  while (!fs::exists(file) || fs::file_size(file) <= bytes) log.Log(kInfo, "Fill", "%ls", padding);
+}
+
+TEST_F(AgentLogTest, MaxSizeBelowTenRollsOverOnlyAfterTenKilobytes) {
+  SetNumber("MaxSize", 5);
+  auto log = NewLog();
+  FillPast(*log, LogFile(), 10'240);
+  EXPECT_FALSE(fs::exists(LogFile("Agent1.log"))) << "rolled over before passing 10,240 bytes";
+  const std::string full = ReadFile(LogFile());
+
+  log->Log(kInfo, "C", "after");
+  EXPECT_EQ(ReadFile(LogFile("Agent1.log")), full);
+  ParsedLogFile fresh = Parse();
+  ASSERT_EQ(fresh.records.size(), 2u);
+  EXPECT_TRUE(fresh.records[0].start);
+  EXPECT_EQ(fresh.records[1].text, "after");
+}
+
+struct ExistingFile {
+  std::string name;
+  int age_seconds;
+};
+
+struct RolloverCase {
+  std::string name;
+  uint32_t max_files;
+  std::vector<ExistingFile> others;  // besides Agent.log, which is the newest
+  std::vector<std::string> expected_names;
+  std::string renamed_to;
+};
+void PrintTo(const RolloverCase& c, std::ostream* os) { *os << c.name; }
+
+class AgentLogRolloverTest : public AgentLogTest, public ::testing::WithParamInterface<RolloverCase> {};
+
+TEST_P(AgentLogRolloverTest, OldestOtherFileGoesAndCurrentTakesFirstFreeNumber) {
+  const RolloverCase& c = GetParam();
+  SetNumber("MaxSize", 10);
+  SetNumber("MaxFiles", c.max_files);
+  const auto now = fs::file_time_type::clock::now();
+  for (const ExistingFile& f : c.others) {
+    WriteFile(LogFile(f.name), f.name);
+    fs::last_write_time(LogFile(f.name), now - std::chrono::seconds(f.age_seconds));
+  }
+  const std::string current(10'241, 'c');
+  WriteFile(LogFile(), current);
+
+  NewLog()->Log(kInfo, "C", "new");
+
+  std::vector<std::string> names;
+  for (auto& entry : fs::directory_iterator(dir_ / "log")) names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, c.expected_names);
+  EXPECT_EQ(ReadFile(LogFile(c.renamed_to)), current);
+  EXPECT_EQ(Events().back().text, "new");
+}
+
+INSTANTIATE_TEST_SUITE_P(Sets, AgentLogRolloverTest,
+                         ::testing::Values(RolloverCase{"MaxFilesTwoDeletesTheNumberedFile",
+                                                        2,
+                                                        {{"Agent1.log", 60}},
+                                                        {"Agent.log", "Agent.log.lock", "Agent1.log"},
+                                                        "Agent1.log"},
+                                           RolloverCase{"RoomLeftTakesNextNumber",
+                                                        3,
+                                                        {{"Agent1.log", 60}},
+                                                        {"Agent.log", "Agent.log.lock", "Agent1.log", "Agent2.log"},
+                                                        "Agent2.log"},
+                                           RolloverCase{"OldestByTimeNotByName",
+                                                        3,
+                                                        {{"Agent1.log", 10}, {"Agent2.log", 50}},
+                                                        {"Agent.log", "Agent.log.lock", "Agent1.log", "Agent2.log"},
+                                                        "Agent2.log"},
+                                           RolloverCase{
+                                               "OtherNamesAreNotMembers",
+                                               2,
+                                               {{"Other.log", 900}, {"Agent.txt", 900}, {"Agent1.log", 5}},
+                                               {"Agent.log", "Agent.log.lock", "Agent.txt", "Agent1.log", "Other.log"},
+                                               "Agent1.log"},
+                                           RolloverCase{"FreeNumberSkipsTakenNames",
+                                                        20,
+                                                        {{"Agent1.log", 1}, {"Agent2.log", 1}, {"Agent4.log", 1}},
+                                                        {"Agent.log", "Agent.log.lock", "Agent1.log", "Agent2.log",
+                                                         "Agent3.log", "Agent4.log"},
+                                                        "Agent3.log"}),
+                         [](const auto& info) { return info.param.name; });
+
+TEST_F(AgentLogTest, MissingNestedFolderIsCreated) {
+  options_.default_folder = dir_ / "a" / "b" / "log";
+  NewLog()->Log(kInfo, "C", "m");
+  EXPECT_TRUE(fs::exists(dir_ / "a" / "b" / "log" / "Agent.log"));
+}
+
+// Answers nothing and fails every call.
+class BrokenStore final : public SettingsStore {
+ public:
+  std::optional<SettingValue> Get(std::string_view, std::string_view) override { throw std::runtime_error("get"); }
+  void Set(std::string_view, std::string_view, const SettingValue&) override { throw std::runtime_error("set"); }
+  bool Delete(std::string_view, std::string_view) override { throw std::runtime_error("delete"); }
+  std::vector<NamedSetting> List(std::string_view) override { throw std::runtime_error("list"); }
+  uint64_t ChangeCounter() override { throw std::runtime_error("counter"); }
+};
+
+TEST_F(AgentLogTest, BrokenStoreFallsBackToDefaults) {
+  auto log = NewAgentLog(std::make_shared<BrokenStore>(), clock_, options_);
+  EXPECT_TRUE(log->IsEnabled(kInfo));
+  EXPECT_FALSE(log->IsEnabled(kTrace));
+  log->Log(kInfo, "C", "still logged");
+  ParsedLogFile parsed = Parse();
+  ASSERT_EQ(parsed.records.size(), 2u);
+  EXPECT_EQ(parsed.records[0].text, "");  // no header from a broken store
+  EXPECT_EQ(parsed.records[1].text, "still logged");
+}
+
+TEST_F(AgentLogTest, UnwritableFolderDropsLinesQuietly) {
+  WriteFile(dir_ / "plainfile", "not a folder");
+  SetText("FilePath", (dir_ / "plainfile" / "log").string());
+  auto log = NewLog();
+  for (int i = 0; i < 3; ++i) log->Log(kError, "C", "lost %d", i);
+  EXPECT_EQ(ReadFile(dir_ / "plainfile"), "not a folder");
+
+  // The same logger writes again once the folder can be had.
+  SetText("FilePath", (dir_ / "log").string());
+  log->Log(kError, "C", "kept");
+  EXPECT_EQ(Events().back().text, "kept");
+}
+
+TEST_F(AgentLogTest, WithoutStoreOrClockEveryLineIsDropped) {
+  NewAgentLog(nullptr, clock_, options_)->Log(kError, "C", "m");
+  NewAgentLog(store_, nullptr, options_)->Log(kError, "C", "m");
+  EXPECT_FALSE(fs::exists(dir_ / "log"));
+}
+
+TEST_F(AgentLogTest, CurrentFileFollowsSettingsWithoutWritingThem) {
+  EXPECT_EQ(CurrentAgentLogFile(*store_, dir_ / "log"), dir_ / "log" / "Agent.log");
+  SetText("FilePath", "/var/tmp/x");
+  SetText("FileName", "Custom.log");
+  EXPECT_EQ(CurrentAgentLogFile(*store_, dir_ / "log"), fs::path("/var/tmp/x/Custom.log"));
+  SetText("FileName", "../escape.log");
+  EXPECT_EQ(CurrentAgentLogFile(*store_, dir_ / "log"), fs::path("/var/tmp/x/Agent.log"));
+  EXPECT_EQ(store_->WriteCount(), 3u);
+  BrokenStore broken;
+  EXPECT_EQ(CurrentAgentLogFile(broken, dir_ / "log"), dir_ / "log" / "Agent.log");
+}
+
+TEST_F(AgentLogTest, ThreadsOfOneProcessWriteWholeRecords) {
+  SetNumber("MaxSize", 10);
+  SetNumber("MaxFiles", 1000);
+  options_.process_name = "threads";
+  auto log = NewLog();
+  constexpr int kThreads = 4;
+  constexpr int kLines = 300;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kLines; ++i) log->Log(kInfo, "T" + std::to_string(t), "line %d", i);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+
+  std::map<std::string, int> seen;
+  for (auto& entry : fs::directory_iterator(dir_ / "log")) {
+    if (entry.path().extension() != ".log") continue;
+    for (auto& record : Parse(entry.path().filename().string()).records) {
+      if (!record.start) ++seen[record.Attribute("source") + "/" + record.text];
+    }
+  }
+  EXPECT_EQ(seen.size(), size_t{kThreads * kLines});
+  for (auto& [line, count] : seen) EXPECT_EQ(count, 1) << line;
+}
+
+}  // namespace
+}  // namespace pkgdlv

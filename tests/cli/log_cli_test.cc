@@ -1,0 +1,107 @@
+// The log subcommand, end to end through the pkgdlv tool and its settings database.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <thread>
+
+#include "support/agent_log_parser.h"
+#include "support/temp_dir.h"
+
+namespace pkgdlv {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ParseAgentLog;
+using testing::ParsedLogRecord;
+using testing::ReadFile;
+using testing::RunTool;
+using testing::TempDir;
+using testing::ToolResult;
+
+constexpr const char* kLogKey = "'Event Logging\\logfile'";
+
+class LogCliTest : public ::testing::Test {
+ protected:
+  ToolResult Run(const std::string& arguments) { return RunTool(arguments, {}, home_.path()); }
+  std::string Ok(const std::string& arguments) {
+    ToolResult result = Run(arguments);
+    EXPECT_EQ(result.exit_code, 0) << arguments << "\n" << result.err;
+    return result.out;
+  }
+  // Event records of every file of the set, in no particular order.
+  std::vector<ParsedLogRecord> AllEvents() {
+    std::vector<ParsedLogRecord> events;
+    for (auto& entry : fs::directory_iterator(home_ / "log")) {
+      if (entry.path().extension() != ".log") continue;
+      testing::ParsedLogFile parsed = ParseAgentLog(ReadFile(entry.path()));
+      EXPECT_EQ(parsed.error, "") << entry.path();
+      for (auto& record : parsed.records) {
+        if (!record.start) events.push_back(record);
+      }
+    }
+    return events;
+  }
+
+  TempDir home_;
+};
+
+TEST_F(LogCliTest, WritesARecordToTheFileThatPathNames) {
+  EXPECT_EQ(Ok("log path"), (home_ / "log" / "Agent.log").string() + "\n");
+  Ok("log write --component CliTest hello  'wide world'");
+  Ok("log write --level 2 warned");
+  Ok("log write --level 8 'trace is filtered by default'");
+
+  auto events = AllEvents();
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0].Attribute("source"), "CliTest");
+  EXPECT_EQ(events[0].Attribute("severity"), "4");
+  EXPECT_EQ(events[0].Attribute("process"), "pkgdlv");
+  EXPECT_EQ(events[0].text, "hello wide world");
+  EXPECT_EQ(events[1].Attribute("source"), "pkgdlv");
+  EXPECT_EQ(events[1].Attribute("severity"), "2");
+}
+
+TEST_F(LogCliTest, ConsoleFlagEchoesTheLine) {
+  EXPECT_EQ(Ok("log write --level 0x4000001 --component Snapshot broken"), "*ERRR\tSnapshot\t\tbroken\r\n");
+}
+
+TEST_F(LogCliTest, PathFollowsTheSettings) {
+  Ok(std::string("settings set ") + kLogKey + " FilePath " + (home_ / "elsewhere").string() + " --text");
+  Ok(std::string("settings set ") + kLogKey + " FileName Custom.log --text");
+  EXPECT_EQ(Ok("log path"), (home_ / "elsewhere" / "Custom.log").string() + "\n");
+  Ok("log write moved");
+  EXPECT_TRUE(fs::exists(home_ / "elsewhere" / "Custom.log"));
+}
+
+TEST_F(LogCliTest, RejectsBadArguments) {
+  for (const char* arguments : {"log write", "log write --level abc x", "log write --level 0x1FFFFFFFF x"}) {
+    ToolResult result = Run(arguments);
+    EXPECT_EQ(result.exit_code, 1) << arguments;
+    EXPECT_NE(result.err.find("pkgdlv: "), std::string::npos) << arguments << ": " << result.err;
+  }
+}
+
+TEST_F(LogCliTest, TwoToolProcessesShareTheLogWhileItRollsOver) {
+  Ok(std::string("settings set ") + kLogKey + " MaxSize 10");
+  Ok(std::string("settings set ") + kLogKey + " MaxFiles 1000");
+  constexpr int kLines = 1000;
+  std::vector<std::thread> writers;
+  std::vector<ToolResult> results(2);
+  for (int i = 0; i < 2; ++i) {
+    writers.emplace_back([&, i] {
+      results[i] = Run("log write --count " + std::to_string(kLines) + " --component Writer" + std::to_string(i));
+    });
+  }
+  for (auto& writer : writers) writer.join();
+  for (auto& result : results) EXPECT_EQ(result.exit_code, 0) << result.err;
+
+  std::map<std::string, int> seen;
+  for (auto& event : AllEvents()) ++seen[event.Attribute("source") + "/" + event.text];
+  EXPECT_EQ(seen.size(), size_t{2 * kLines});
+  EXPECT_EQ(seen.count("Writer0/line 1"), 1u);
+  EXPECT_EQ(seen.count("Writer1/line " + std::to_string(kLines)), 1u);
+  for (auto& [line, count] : seen) EXPECT_EQ(count, 1) << line;
+}
+
+}  // namespace
+}  // namespace pkgdlv
