@@ -37,6 +37,7 @@ constexpr Result kFileNotFound = 0x80070002;
 constexpr Result kPathNotFound = 0x80070003;
 constexpr Result kInvalidData = 0x8007000D;      // "Data is not compressed"
 constexpr Result kCrcMismatch = 0x80070017;      // "Incorrect CRC for decompressed data"
+constexpr Result kEndOfData = 0x80070026;        // Win32 38: a compressed frame cut short
 constexpr Result kDiskFull = 0x80070070;
 constexpr Result kNoMatch = 0x80070491;          // a snapshot file without block hashes
 constexpr Result kCancelled = 0x800704C7;        // Win32 1223 as a result code

@@ -1,0 +1,96 @@
+// pkgdlv frame pack | unpack | info, run as a separate process.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <random>
+#include <string>
+
+#include "support/temp_dir.h"
+#include "util/compressed_frame.h"
+
+namespace pkgdlv {
+namespace {
+
+using testing::ReadFile;
+using testing::RunTool;
+using testing::TempDir;
+using testing::ToolResult;
+using testing::WriteFile;
+
+// Text with a stretch of random bytes (including NULs and newlines) so that
+// the tool's input and output must be binary-safe.
+std::string SampleData(size_t size) {
+  std::mt19937 rng(21);
+  std::string data;
+  while (data.size() < size) data += "<file name=\"setup" + std::to_string(rng() % 1000) + ".msi\"/>\n";
+  data.resize(size);
+  for (size_t i = size / 3; i < size / 2; ++i) data[i] = static_cast<char>(rng());
+  return data;
+}
+
+TEST(FrameCliTest, PackThenUnpackThroughStandardStreams) {
+  TempDir home;
+  for (size_t size : {size_t{0}, size_t{5}, size_t{65536}, size_t{300'000}}) {
+    SCOPED_TRACE(size);
+    const std::string data = SampleData(size);
+    ToolResult packed = RunTool("frame pack", data, home.path());
+    ASSERT_EQ(packed.exit_code, 0) << packed.err;
+    EXPECT_TRUE(IsCompressed(reinterpret_cast<const uint8_t*>(packed.out.data()), packed.out.size()));
+    EXPECT_EQ(static_cast<uint8_t>(packed.out[16]), (size + 0xFFFF) / 0x10000);  // chunk count
+
+    ToolResult unpacked = RunTool("frame unpack", packed.out, home.path());
+    ASSERT_EQ(unpacked.exit_code, 0) << unpacked.err;
+    EXPECT_EQ(unpacked.out, data);
+  }
+}
+
+TEST(FrameCliTest, FilesAndInfo) {
+  TempDir dir;
+  const std::string data = SampleData(200'000);
+  WriteFile(dir / "plain", data);
+  const std::string plain = (dir / "plain").string(), packed = (dir / "packed").string(),
+                    back = (dir / "back").string();
+
+  ASSERT_EQ(RunTool("frame pack --level 9 -i '" + plain + "' -o '" + packed + "'", {}, dir.path()).exit_code, 0);
+  ASSERT_EQ(RunTool("frame unpack -i '" + packed + "' -o '" + back + "'", {}, dir.path()).exit_code, 0);
+  EXPECT_EQ(ReadFile(dir / "back"), data);
+
+  ToolResult info = RunTool("frame info --json -i '" + packed + "'", {}, dir.path());
+  ASSERT_EQ(info.exit_code, 0) << info.err;
+  nlohmann::json fields = nlohmann::json::parse(info.out);
+  EXPECT_EQ(fields["chunks"], 4);
+  EXPECT_EQ(fields["unpackedSize"], data.size());
+  EXPECT_EQ(fields["frameSize"], ReadFile(dir / "packed").size());
+}
+
+TEST(FrameCliTest, FailuresExitOneWithTheDescription) {
+  TempDir home;
+  ToolResult packed = RunTool("frame pack", SampleData(1000), home.path());
+  ASSERT_EQ(packed.exit_code, 0);
+  std::string bad_crc = packed.out;
+  bad_crc[8] = static_cast<char>(bad_crc[8] ^ 1);
+
+  const struct {
+    std::string arguments;
+    std::string input;
+    std::string error;
+  } cases[] = {
+      {"frame unpack", "not a frame at all, just some text", "pkgdlv: Data is not compressed\n"},
+      {"frame unpack", bad_crc, "pkgdlv: Incorrect CRC for decompressed data\n"},
+      {"frame unpack", packed.out.substr(0, packed.out.size() - 1),
+       "pkgdlv: Truncated frame: a chunk runs past the end of the data (0x80070026)\n"},
+      {"frame info", "short", "pkgdlv: Data is not compressed\n"},
+      {"frame unpack -i '" + (home / "missing").string() + "'", "",
+       "pkgdlv: cannot open '" + (home / "missing").string() + "': No such file or directory\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.arguments);
+    ToolResult result = RunTool(c.arguments, c.input, home.path());
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_EQ(result.err, c.error);
+    EXPECT_EQ(result.out, "");
+  }
+}
+
+}  // namespace
+}  // namespace pkgdlv
