@@ -4,6 +4,7 @@
 
 #include "agent/agent_log.h"
 #include "agent/clock.h"
+#include "agent/crypto.h"
 #include "agent/settings_store.h"
 #include "util/error.h"
 #include "util/paths.h"
@@ -22,6 +23,7 @@ AgentServices AgentServices::CreateDefault(const std::filesystem::path& data_fol
   AgentLogOptions log_options;
   log_options.default_folder = DefaultLogFolder(data_folder);
   services.log = NewAgentLog(services.settings, services.clock, log_options);
+  services.crypto = NewOpenSslCrypto();
   return services;
 }
 

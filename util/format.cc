@@ -28,7 +28,9 @@ namespace {
 bool IsFlag(char c) { return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0'; }
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
-void AppendPrintf(std::string& out, const std::string& spec, auto value) {
+// spec is the conversion without its final letters, which suffix supplies.
+void AppendPrintf(std::string& out, std::string spec, std::string_view suffix, auto value) {
+  spec.append(suffix);
   char buffer[128];
   int n = std::snprintf(buffer, sizeof buffer, spec.c_str(), value);
   if (n < 0) return;
@@ -110,9 +112,13 @@ std::string FormatArgs(std::string_view format, std::span<const FormatArg> args)
       break;
     }
     char conv = format[i++];
-    std::string spec = "%" + flags;
-    if (width >= 0) spec += std::to_string(width);
-    if (precision >= 0) spec += "." + std::to_string(precision);
+    std::string spec(1, '%');
+    spec.append(flags);
+    if (width >= 0) spec.append(std::to_string(width));
+    if (precision >= 0) {
+      spec.push_back('.');
+      spec.append(std::to_string(precision));
+    }
 
     if (next_arg >= args.size()) {
       out += "(missing)";
@@ -126,14 +132,14 @@ std::string FormatArgs(std::string_view format, std::span<const FormatArg> args)
         if (arg.kind() == FormatArg::Kind::kText) {
           AppendText(out, arg.text(), left, width, precision);
         } else {
-          AppendPrintf(out, spec + "lld", static_cast<long long>(arg.AsSigned()));
+          AppendPrintf(out, spec, "lld", static_cast<long long>(arg.AsSigned()));
         }
         break;
       case 'c':
         if (arg.kind() == FormatArg::Kind::kText) {
           AppendText(out, arg.text().substr(0, 1), left, width, -1);
         } else {
-          AppendPrintf(out, spec + "c", static_cast<int>(arg.AsSigned()));
+          AppendPrintf(out, spec, "c", static_cast<int>(arg.AsSigned()));
         }
         break;
       case 'd':
@@ -147,10 +153,11 @@ std::string FormatArgs(std::string_view format, std::span<const FormatArg> args)
         } else if (conv == 'd' || conv == 'i') {
           long long v = wide64 ? static_cast<long long>(arg.AsSigned())
                                : static_cast<long long>(static_cast<int32_t>(arg.AsUnsigned()));
-          AppendPrintf(out, spec + "lld", v);
+          AppendPrintf(out, spec, "lld", v);
         } else {
           unsigned long long v = wide64 ? arg.AsUnsigned() : static_cast<uint32_t>(arg.AsUnsigned());
-          AppendPrintf(out, spec + "ll" + conv, v);
+          const char suffix[] = {'l', 'l', conv};
+          AppendPrintf(out, spec, std::string_view(suffix, 3), v);
         }
         break;
       case 'f':
@@ -162,11 +169,11 @@ std::string FormatArgs(std::string_view format, std::span<const FormatArg> args)
         if (arg.kind() == FormatArg::Kind::kText) {
           AppendText(out, arg.text(), left, width, -1);
         } else {
-          AppendPrintf(out, spec + conv, arg.AsFloat());
+          AppendPrintf(out, spec, std::string_view(&conv, 1), arg.AsFloat());
         }
         break;
       case 'p':
-        AppendPrintf(out, spec + "llX", static_cast<unsigned long long>(arg.AsUnsigned()));
+        AppendPrintf(out, spec, "llX", static_cast<unsigned long long>(arg.AsUnsigned()));
         break;
       default:  // unknown conversion: keep the text, drop the argument
         out.append(format.substr(start, i - start));

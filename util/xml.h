@@ -1,8 +1,10 @@
 // XML on libxml2: a document tree with path selection, and a writer.
 //
 // Parsing is safe for hostile input: no network access, no external entities
-// or DTDs loaded, entity expansion limited, depth limited. UTF-16 input with
-// its byte order mark is converted; all text handed out is UTF-8.
+// or DTDs loaded, documents that declare entities refused (so nothing expands
+// beyond the five predefined entities and character references), libxml2's
+// limits on text length, depth limited to 256 levels. UTF-16 input with its
+// byte order mark is converted; all text handed out is UTF-8.
 #pragma once
 
 #include <memory>
@@ -34,6 +36,9 @@ class Node {
   // XPath relative to this element ("listenRange/address", "//Codebases").
   std::vector<Node> Select(std::string_view path) const;
   Node SelectFirst(std::string_view path) const;
+  // The element and everything in it written as XML text (UTF-8), for
+  // keeping an element of one document inside another.
+  std::string OuterXml() const;
 
   _xmlNode* raw() const { return node_; }
 
@@ -63,7 +68,11 @@ class Document {
 };
 
 // Builds a document as text, element by element. Attribute values and text
-// are escaped. Without an XML declaration unless asked for.
+// are escaped; characters that XML 1.0 cannot carry at all (most C0 control
+// characters, invalid UTF-8) are written as U+FFFD. Without an XML declaration
+// unless asked for. Calls out of order (an attribute after content, an end
+// without a start) and names that cannot be XML names throw Error 0x80070057.
+// One thread at a time.
 class Writer {
  public:
   struct Options {
@@ -78,6 +87,10 @@ class Writer {
   Writer& Attribute(std::string_view name, std::string_view value);
   Writer& Text(std::string_view text);
   Writer& EndElement();  // writes "/>" for an element without content
+  // Inserts text that is already XML (an element written elsewhere) as a
+  // child of the open element, unchanged; the caller vouches that it is
+  // well formed.
+  Writer& Raw(std::string_view xml);
   // Closes what is open and returns the text.
   std::string Finish();
 
@@ -91,9 +104,14 @@ class Writer {
   bool start_tag_open_ = false;
   bool had_children_ = false;
   bool had_text_ = false;
+  // had_children_ and had_text_ of each enclosing element, saved while a
+  // child is open, so that indentation never adds space to mixed content.
+  std::vector<std::pair<bool, bool>> enclosing_;
 };
 
-// Escapes &, <, >, " and ' for use in an attribute value or text.
+// Escapes &, <, >, " and ' for use in an attribute value or text; tab, line
+// feed, carriage return, DEL and C1 controls become character references so
+// that they survive attribute-value normalisation.
 std::string Escape(std::string_view text);
 
 }  // namespace pkgdlv::xml

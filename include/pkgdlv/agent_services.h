@@ -12,15 +12,17 @@ namespace pkgdlv {
 class Clock;
 class SettingsStore;
 class Logger;
+class Crypto;
 
 struct AgentServices {
   std::filesystem::path data_folder;        // the agent's data folder
   std::shared_ptr<Clock> clock;             // file time, tick count, waits
   std::shared_ptr<SettingsStore> settings;  // the registry's role
   std::shared_ptr<Logger> log;              // the agent log
+  std::shared_ptr<Crypto> crypto;           // hashing, signing, signature verification
 
   // The real services over a data folder (created when missing): the system
-  // clock, "settings.db" and the agent log in "log". Throws Error when the
+  // clock, "settings.db", the agent log in "log" and OpenSSL crypto. Throws Error when the
   // settings database cannot be opened.
   static AgentServices CreateDefault(const std::filesystem::path& data_folder);
 };
