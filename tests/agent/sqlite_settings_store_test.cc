@@ -1,0 +1,220 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "agent/settings_store.h"
+#include "support/temp_dir.h"
+#include "util/error.h"
+#include "util/format.h"
+
+namespace pkgdlv {
+namespace {
+
+using testing::TempDir;
+
+std::vector<std::string> KeysAndNames(const std::vector<NamedSetting>& settings) {
+  std::vector<std::string> out;
+  for (const NamedSetting& s : settings) out.push_back(s.key + "|" + s.name);
+  return out;
+}
+
+void WriteRandomBytes(const std::filesystem::path& file, size_t offset, size_t count) {
+  std::mt19937 random(12345);
+  std::string bytes(count, '\0');
+  for (char& c : bytes) c = static_cast<char>(random());
+  std::fstream out(file, std::ios::in | std::ios::out | std::ios::binary);
+  if (!out) out.open(file, std::ios::out | std::ios::binary);
+  out.seekp(static_cast<std::streamoff>(offset));
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+class SqliteSettingsStoreTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<SettingsStore> Open() { return OpenSqliteSettingsStore(dir_ / "settings.db"); }
+
+  TempDir dir_;
+};
+
+TEST_F(SqliteSettingsStoreTest, RoundTripsNumbersAndTextsWithTheirType) {
+  const std::vector<SettingValue> values = {
+      SettingValue::Number(0),          SettingValue::Number(1),
+      SettingValue::Number(0x7FFFFFFF), SettingValue::Number(0x80000000),
+      SettingValue::Number(0xFFFFFFFF), SettingValue::Text(""),
+      SettingValue::Text("42"),         SettingValue::Text("C:\\Program Files\\Stöße \"quoted\" 'x'"),
+  };
+  auto store = Open();
+  for (size_t i = 0; i < values.size(); ++i) store->Set("K", Format("v%d", static_cast<int>(i)), values[i]);
+  // Replacing a value may change its type.
+  store->Set("K", "changes", SettingValue::Number(7));
+  store->Set("K", "changes", SettingValue::Text("seven"));
+
+  store.reset();
+  auto reopened = Open();
+  for (size_t i = 0; i < values.size(); ++i) {
+    EXPECT_EQ(reopened->Get("K", Format("v%d", static_cast<int>(i))), values[i]) << "value " << i;
+  }
+  EXPECT_EQ(reopened->Get("K", "changes"), SettingValue::Text("seven"));
+  EXPECT_EQ(reopened->Get("K", "missing"), std::nullopt);
+  EXPECT_EQ(reopened->Get("Other", "v0"), std::nullopt);
+}
+
+TEST_F(SqliteSettingsStoreTest, KeysAndNamesCompareCaseInsensitivelyAndKeepTheirFirstSpelling) {
+  auto store = Open();
+  store->Set("Communications\\Package Delivery", "Retry delay (mins)", SettingValue::Number(3));
+  EXPECT_EQ(store->Get("COMMUNICATIONS\\package delivery", "RETRY DELAY (MINS)"), SettingValue::Number(3));
+
+  store->Set("communications\\PACKAGE DELIVERY", "retry DELAY (mins)", SettingValue::Number(9));
+  std::vector<NamedSetting> all = store->List("");
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ(all[0].key, "Communications\\Package Delivery");
+  EXPECT_EQ(all[0].name, "Retry delay (mins)");
+  EXPECT_EQ(all[0].value, SettingValue::Number(9));
+
+  EXPECT_TRUE(store->Delete("communications\\package delivery", "retry delay (MINS)"));
+  EXPECT_FALSE(store->Delete("Communications\\Package Delivery", "Retry delay (mins)"));
+  EXPECT_TRUE(store->List("").empty());
+}
+
+TEST_F(SqliteSettingsStoreTest, ListGivesTheKeyAndKeysBelowItOnly) {
+  auto store = Open();
+  for (const char* key : {"B", "AB", "A\\B\\C", "A", "a\\x", "A\\B", "A]", "A\\"}) {
+    store->Set(key, "n", SettingValue::Number(1));
+  }
+  store->Set("A", "second", SettingValue::Text("t"));
+
+  struct Case {
+    std::string prefix;
+    std::vector<std::string> expected;
+  };
+  const std::vector<Case> cases = {
+      {"A", {"A|n", "A|second", "A\\|n", "A\\B|n", "A\\B\\C|n", "a\\x|n"}},
+      {"a\\", {"A|n", "A|second", "A\\|n", "A\\B|n", "A\\B\\C|n", "a\\x|n"}},
+      {"A\\B", {"A\\B|n", "A\\B\\C|n"}},
+      {"AB", {"AB|n"}},
+      {"A\\B\\C\\D", {}},
+      {"", {"A|n", "A|second", "A\\|n", "A\\B|n", "A\\B\\C|n", "a\\x|n", "A]|n", "AB|n", "B|n"}},
+  };
+  for (const Case& c : cases) EXPECT_EQ(KeysAndNames(store->List(c.prefix)), c.expected) << "prefix " << c.prefix;
+}
+
+TEST_F(SqliteSettingsStoreTest, FileThatIsNotADatabaseFailsToOpenWithAClearDescription) {
+  WriteRandomBytes(dir_ / "settings.db", 0, 8192);
+  try {
+    Open();
+    FAIL() << "opened a file of random bytes";
+  } catch (const Error& e) {
+    EXPECT_NE(e.description().find("settings.db"), std::string::npos) << e.description();
+    EXPECT_NE(e.description().find("not a database"), std::string::npos) << e.description();
+    EXPECT_NE(e.code(), 0u);
+  }
+}
+
+TEST_F(SqliteSettingsStoreTest, DamagedPagesMakeReadsMissAndWritesThrowWithoutCrashing) {
+  {
+    auto store = Open();
+    for (int i = 0; i < 300; ++i)
+      store->Set("Damaged", Format("value %d", i), SettingValue::Text(std::string(40, 'x')));
+  }  // the last close checkpoints the log into the database file
+  ASSERT_GT(std::filesystem::file_size(dir_ / "settings.db"), 3 * 4096u);
+  WriteRandomBytes(dir_ / "settings.db", 4096, std::filesystem::file_size(dir_ / "settings.db") - 4096);
+
+  std::shared_ptr<SettingsStore> store;
+  try {
+    store = Open();
+  } catch (const Error& e) {
+    EXPECT_FALSE(e.description().empty());
+    return;  // refusing to open a damaged file is an acceptable outcome
+  }
+  EXPECT_EQ(store->Get("Damaged", "value 5"), std::nullopt);
+  EXPECT_TRUE(store->List("Damaged").empty());
+  try {
+    store->Set("Damaged", "value 5", SettingValue::Number(1));
+    FAIL() << "a write into a damaged database succeeded";
+  } catch (const Error& e) {
+    EXPECT_NE(e.description().find("malformed"), std::string::npos) << e.description();
+    EXPECT_NE(e.code(), 0u);
+  }
+}
+
+TEST_F(SqliteSettingsStoreTest, TwoProcessesWritingAtOnceLoseNothing) {
+  constexpr int kValuesPerWriter = 500;
+  std::vector<pid_t> children;
+  for (int writer = 0; writer < 2; ++writer) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      int status = 0;
+      try {
+        auto store = Open();  // both race to create the file and the table
+        for (int i = 0; i < kValuesPerWriter; ++i) {
+          store->Set(Format("Concurrent\\Writer %d", writer), Format("Value %d", i),
+                     SettingValue::Number(static_cast<uint32_t>(writer * 100000 + i)));
+        }
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "writer %d: %s\n", writer, e.what());
+        status = 1;
+      }
+      _exit(status);
+    }
+    children.push_back(pid);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "writer process failed";
+  }
+
+  auto store = Open();
+  EXPECT_EQ(store->List("Concurrent").size(), 2u * kValuesPerWriter);
+  for (int writer = 0; writer < 2; ++writer) {
+    for (int i = 0; i < kValuesPerWriter; i += 97) {
+      EXPECT_EQ(store->Get(Format("concurrent\\writer %d", writer), Format("value %d", i)),
+                SettingValue::Number(static_cast<uint32_t>(writer * 100000 + i)));
+    }
+  }
+}
+
+TEST_F(SqliteSettingsStoreTest, OneStoreServesSeveralThreads) {
+  auto store = Open();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&store, t] {
+      for (int i = 0; i < 100; ++i) {
+        std::string name = Format("thread %d value %d", t, i);
+        store->Set("Threads", name, SettingValue::Number(static_cast<uint32_t>(i)));
+        if (store->Get("Threads", name) != SettingValue::Number(static_cast<uint32_t>(i))) std::abort();
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(store->List("Threads").size(), 400u);
+}
+
+TEST_F(SqliteSettingsStoreTest, ChangeCounterMovesOnWritesOfAnyConnectionOnly) {
+  auto reader = Open();
+  auto writer = Open();
+  uint64_t counter = reader->ChangeCounter();
+
+  reader->Get("K", "n");
+  reader->List("");
+  EXPECT_EQ(reader->ChangeCounter(), counter) << "reads must not move the counter";
+
+  writer->Set("K", "n", SettingValue::Number(1));
+  uint64_t after_other = reader->ChangeCounter();
+  EXPECT_NE(after_other, counter) << "another connection's write";
+
+  reader->Set("K", "n", SettingValue::Number(2));
+  uint64_t after_own = reader->ChangeCounter();
+  EXPECT_NE(after_own, after_other) << "this connection's own write";
+
+  writer->Delete("K", "n");
+  EXPECT_NE(reader->ChangeCounter(), after_own) << "another connection's delete";
+}
+
+}  // namespace
+}  // namespace pkgdlv
