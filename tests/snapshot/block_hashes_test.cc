@@ -1,0 +1,185 @@
+// The streaming pass: block hashes into entries, the refusals, the final
+// report of files left without hashes, and the prefix matching of names.
+#include <gtest/gtest.h>
+
+#include "snapshot/snapshot.h"
+#include "snapshot/snapshot_xml_parser.h"
+#include "snapshot_test_support.h"
+
+namespace pkgdlv {
+namespace {
+
+using testing::HashText;
+using testing::LoggedSnapshot;
+using testing::SnapshotDoc;
+using testing::StdAttributes;
+
+std::vector<uint8_t> Bytes(size_t n, uint8_t seed = 1) {
+  std::vector<uint8_t> data(n);
+  for (size_t i = 0; i < n; ++i) data[i] = static_cast<uint8_t>(seed + i);
+  return data;
+}
+
+TEST(BlockHashesTest, DecodesEveryFilesHashes) {
+  // Block size 4: a (5 bytes) has 2 blocks, sub\b (4 bytes) 1, the empty file none.
+  const std::string doc = SnapshotDoc(StdAttributes("4"), R"(<Root size="9">
+      <File name="a" size="5" blockHash=")" + HashText(64, 1) +
+                                                              R"("/>
+      <File name="empty" size="0"/>
+      <Folder name="sub"><Folder name="deeper"/><File name="b" size="4" blockHash=")" +
+                                                              HashText(32, 9) + R"("/></Folder></Root>)");
+  LoggedSnapshot s;
+  ASSERT_TRUE(s.snapshot.LoadXml(doc));
+  ASSERT_TRUE(s.snapshot.LoadBlockHashes());
+  EXPECT_EQ(LastSnapshotError(), 0u);
+  EXPECT_EQ(s.snapshot.FindEntry("", "a")->blockHashes, Bytes(64, 1));
+  EXPECT_EQ(s.snapshot.FindEntry("sub", "b")->blockHashes, Bytes(32, 9));
+  EXPECT_TRUE(s.snapshot.FindEntry("", "empty")->blockHashes.empty());
+  EXPECT_TRUE(s.log->Lines().empty());
+}
+
+struct BadHashCase {
+  std::string title;
+  std::string file;  // a File element in the root of a block size 4 snapshot, 5 bytes
+  std::string badLine;
+};
+
+void PrintTo(const BadHashCase& c, std::ostream* out) { *out << c.title; }
+
+class BadBlockHashTest : public ::testing::TestWithParam<BadHashCase> {};
+
+TEST_P(BadBlockHashTest, IsRefusedAndTheFileReportedAsWithoutHashes) {
+  const BadHashCase& c = GetParam();
+  LoggedSnapshot s;
+  ASSERT_TRUE(s.snapshot.LoadXml(SnapshotDoc(StdAttributes("4"), "<Root size=\"5\">" + c.file + "</Root>")));
+  EXPECT_FALSE(s.snapshot.LoadBlockHashes());
+  EXPECT_EQ(LastSnapshotError(), 0x80070491u);
+  EXPECT_TRUE(s.snapshot.entries[0].blockHashes.empty());
+  if (!c.badLine.empty()) {
+    EXPECT_EQ(s.log->Count(c.badLine), 1u);
+  }
+  EXPECT_EQ(s.log->Count("Invalid snapshot XML: No block hash detected for file '\\a'"), 1u);
+  for (const auto& line : s.log->Lines()) EXPECT_EQ(line.level, loglevel::kWarning);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Hashes, BadBlockHashTest,
+    ::testing::Values(
+        BadHashCase{"ThirtyThreeBytes", R"(<File name="a" size="5" blockHash=")" + HashText(33) + R"("/>)",
+                    "Invalid snapshot XML: Bad block hash detected for file '\\a'"},
+        BadHashCase{"OneHashForTwoBlocks", R"(<File name="a" size="5" blockHash=")" + HashText(32) + R"("/>)",
+                    "Invalid snapshot XML: Bad block hash detected for file '\\a'"},
+        BadHashCase{"ThreeHashesForTwoBlocks", R"(<File name="a" size="5" blockHash=")" + HashText(96) + R"("/>)",
+                    "Invalid snapshot XML: Bad block hash detected for file '\\a'"},
+        BadHashCase{"NotBase64", R"(<File name="a" size="5" blockHash="!!!!"/>)",
+                    "Invalid snapshot XML: Bad block hash detected for file '\\a', error: invalid character"},
+        BadHashCase{"OneCharacter", R"(<File name="a" size="5" blockHash="A"/>)",
+                    "Invalid snapshot XML: Bad block hash detected for file '\\a', error: "},
+        BadHashCase{"PaddingBits", R"(<File name="a" size="5" blockHash="AB=="/>)", "error: non-zero padding bits"},
+        BadHashCase{"EmptyIsNoHash", R"(<File name="a" size="5" blockHash=""/>)", ""},
+        BadHashCase{"NoAttribute", R"(<File name="a" size="5" fileHash="x"/>)", ""}),
+    [](const auto& info) { return info.param.title; });
+
+TEST(BlockHashesTest, EveryFileWithoutHashesIsReported) {
+  const std::string doc = SnapshotDoc(StdAttributes("4"), R"(<Root size="3">
+      <File name="a" size="1"/><File name="b" size="1"/><File name="c" size="0"/><File name="u"/>
+      <Folder name="d"><File name="e" size="1"/></Folder></Root>)");
+  LoggedSnapshot s;
+  ASSERT_TRUE(s.snapshot.LoadXml(doc));
+  EXPECT_FALSE(s.snapshot.LoadBlockHashes());
+  EXPECT_EQ(LastSnapshotError(), 0x80070491u);
+  EXPECT_EQ(s.log->Count("No block hash detected"), 3u);
+  EXPECT_TRUE(s.log->Contains("No block hash detected for file '\\b'"));
+  EXPECT_TRUE(s.log->Contains("No block hash detected for file 'd\\e'"));
+}
+
+TEST(BlockHashesTest, NamesMatchByPrefixIgnoringCase) {
+  // The tree pass knows only "Folder", "File" and "name"; the streaming pass
+  // takes "FOLDER", "F", "Fil", "n" and "b" for them, so the hashes below land
+  // in entries the tree pass built from the exactly named elements.
+  const std::string doc = SnapshotDoc(StdAttributes("4"), R"(<Root size="4">
+      <File name="a" size="1" n="b" blockHash=")" + HashText(32, 1) +
+                                                              R"("/>
+      <File name="b" size="1"/>
+      <File name="c" size="1" fileHash="x" b=")" + HashText(32, 2) +
+                                                              R"("/>
+      <Folder name="sub"><File name="f" size="1"/></Folder>
+      <FOLDER NAME="sub"><fil N="f" BLOCKHASH=")" + HashText(32, 3) +
+                                                              R"("/></FOLDER>
+      <F name="other"></F>
+      <File name="after" size="0"/>
+    </Root>)");
+  LoggedSnapshot s;
+  ASSERT_TRUE(s.snapshot.LoadXml(doc));
+  EXPECT_FALSE(s.snapshot.FindEntry("", "c")->hasBlockHash);  // "b" is no "blockHash" to the tree pass
+  EXPECT_FALSE(s.snapshot.LoadBlockHashes());                 // "a" lost its hashes to "b"
+  EXPECT_EQ(s.log->Count("No block hash detected"), 1u);
+  EXPECT_TRUE(s.log->Contains("No block hash detected for file '\\a'"));
+  EXPECT_EQ(s.snapshot.FindEntry("", "b")->blockHashes, Bytes(32, 1));
+  EXPECT_EQ(s.snapshot.FindEntry("", "c")->blockHashes, Bytes(32, 2));
+  EXPECT_EQ(s.snapshot.FindEntry("sub", "f")->blockHashes, Bytes(32, 3));
+}
+
+TEST(BlockHashesTest, ParserModesAndPathBuilding) {
+  Snapshot snapshot;
+  SnapshotXmlParser parser(snapshot);
+  xml::SAXAttributes none;
+  std::vector<xml::SAXAttribute> named = {{"name", "x"}};
+  std::vector<xml::SAXAttribute> empty = {{"name", ""}};
+  EXPECT_EQ(parser.mode(), SnapshotXmlParser::Mode::kOther);
+  parser.StartElement("Root", xml::SAXAttributes(named));
+  EXPECT_EQ(parser.folderPath(), "");  // no attributes are read outside File and Folder
+  parser.StartElement("Folder", xml::SAXAttributes(named));
+  EXPECT_EQ(parser.mode(), SnapshotXmlParser::Mode::kFolder);
+  parser.StartElement("Fo", xml::SAXAttributes(named));
+  parser.StartElement("Folder", xml::SAXAttributes(empty));  // an empty value is skipped
+  EXPECT_EQ(parser.folderPath(), "x\\x");
+  parser.StartElement("File", xml::SAXAttributes(named));
+  EXPECT_EQ(parser.mode(), SnapshotXmlParser::Mode::kFile);
+  EXPECT_EQ(parser.fileName(), "x");
+  parser.EndElement("File");
+  EXPECT_EQ(parser.fileName(), "");
+  parser.StartElement("File", xml::SAXAttributes(named));
+  parser.EndElement("F");  // counts as the end of a Folder: cuts the path, clears the name
+  EXPECT_EQ(parser.folderPath(), "x");
+  EXPECT_EQ(parser.fileName(), "");
+  parser.EndElement("folder");
+  parser.EndElement("FOLDER");  // at the top already: stays empty
+  EXPECT_EQ(parser.folderPath(), "");
+  parser.StartElement("Snapshot", none);
+  EXPECT_EQ(parser.mode(), SnapshotXmlParser::Mode::kOther);
+}
+
+TEST(BlockHashesTest, PrefixMatching) {
+  struct Case {
+    std::string_view name, wanted;
+    bool matches;
+  };
+  const Case cases[] = {{"F", "Folder", true},    {"folder", "Folder", true}, {"FOLDERS", "Folder", false},
+                        {"Fi", "Folder", false},  {"", "Folder", false},      {"n", "name", true},
+                        {"Name", "name", true},   {"names", "name", false},   {"blockhash", "blockHash", true},
+                        {"x:File", "File", false}};
+  for (const Case& c : cases) EXPECT_EQ(MatchesSnapshotName(c.name, c.wanted), c.matches) << c.name;
+}
+
+TEST(BlockHashesTest, Base64DecodingIntoABuffer) {
+  std::vector<uint8_t> out;
+  for (size_t n : {0, 1, 2, 3, 31, 32, 33, 96}) {
+    std::string text = HashText(n, 200);
+    ASSERT_EQ(DecodeBase64Into(text, out), nullptr) << n;
+    EXPECT_EQ(out, Bytes(n, 200)) << n;
+  }
+  for (const char* bad : {"A", "AB=", "A===", "AB=C", "ab\ncd==", "QUJD\x80", "=AAA"}) {
+    EXPECT_NE(DecodeBase64Into(bad, out), nullptr) << bad;
+  }
+}
+
+TEST(BlockHashesTest, UnparsableTextFailsWithTheEnginesError) {
+  Snapshot snapshot;
+  snapshot.documentText = "<Snapshot><Root>";
+  EXPECT_FALSE(snapshot.LoadBlockHashes());
+  EXPECT_EQ(LastSnapshotError(), 0x8007000Du);
+}
+
+}  // namespace
+}  // namespace pkgdlv

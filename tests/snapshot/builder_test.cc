@@ -1,0 +1,183 @@
+// Snapshots built from a folder on disk and from a directory listing.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "agent/crypto.h"
+#include "snapshot/snapshot_builder.h"
+#include "snapshot_test_support.h"
+#include "support/temp_dir.h"
+
+namespace pkgdlv {
+namespace {
+
+using testing::LoggedSnapshot;
+using testing::TempDir;
+using testing::WriteFile;
+namespace fs = std::filesystem;
+
+std::string Pattern(size_t size, char seed) {
+  std::string data(size, '\0');
+  for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(seed + i * 7);
+  return data;
+}
+
+std::vector<uint8_t> ExpectedBlockHashes(const std::string& data, uint32_t blockSize) {
+  std::vector<uint8_t> out;
+  std::span<const uint8_t> previous;
+  for (size_t offset = 0; offset < data.size(); offset += blockSize) {
+    size_t length = std::min<size_t>(blockSize, data.size() - offset);
+    Sha256Digest h = BlockHash(std::span(reinterpret_cast<const uint8_t*>(data.data()) + offset, length), previous);
+    out.insert(out.end(), h.begin(), h.end());
+    previous = std::span(out).subspan(out.size() - 32);
+  }
+  return out;
+}
+
+TEST(SnapshotBuilderTest, ListsHashesAndNumbersAFolder) {
+  TempDir dir;
+  const std::string big = Pattern(10'000, 1), small = Pattern(5, 2);
+  WriteFile(dir / "pkg" / "big.bin", big);
+  WriteFile(dir / "pkg" / "Sub" / "small.txt", small);
+  WriteFile(dir / "pkg" / "Sub" / "empty", "");
+  fs::create_directories(dir / "pkg" / "Sub" / "none");
+  WriteFile(dir / "pkg" / "snapshot.xml", "old");  // excluded below
+  timespec times[2] = {{0, UTIME_OMIT}, {1'700'000'000, 250'000'000}};
+  ASSERT_EQ(utimensat(AT_FDCWD, (dir / "pkg" / "big.bin").c_str(), times, 0), 0);
+
+  Snapshot snapshot;
+  SnapshotBuildOptions options;
+  options.blockSize = 4096;
+  options.excludedFiles = {dir / "pkg" / "." / "snapshot.xml"};
+  BuildSnapshotFromFolder(dir / "pkg", options, snapshot);
+
+  std::vector<std::string> paths;
+  for (const SnapshotEntry& e : snapshot.entries) paths.push_back(e.RelativePath() + (e.IsFolder() ? "\\" : ""));
+  EXPECT_EQ(paths, (std::vector<std::string>{"big.bin", "Sub\\", "Sub\\empty", "Sub\\small.txt", "Sub\\none\\"}));
+  EXPECT_EQ(snapshot.blockSize, 4096u);
+  EXPECT_EQ(snapshot.declaredBlockSize, 4096u);
+  EXPECT_EQ(snapshot.totalBlocks, 4u);
+  EXPECT_FALSE(snapshot.hasUnhashedFiles);
+
+  std::shared_ptr<Crypto> crypto = NewOpenSslCrypto();
+  const SnapshotEntry& b = *snapshot.FindEntry("", "big.bin");
+  EXPECT_EQ(b.size, 10'000);
+  EXPECT_EQ(b.lastModified, FileTimeFromTimespec(times[1]));
+  EXPECT_EQ(b.fileHash, Base64Encode(crypto->Sha256File(dir / "pkg" / "big.bin")));
+  EXPECT_EQ(b.blockHashes, ExpectedBlockHashes(big, 4096));
+  EXPECT_TRUE(b.hasBlockHash);
+  EXPECT_EQ(b.firstBlock, 0u);
+  const SnapshotEntry& s = *snapshot.FindEntry("sub", "SMALL.TXT");
+  EXPECT_EQ(s.blockHashes, ExpectedBlockHashes(small, 4096));
+  EXPECT_EQ(s.firstBlock, 3u);
+  EXPECT_EQ(s.state, entrystate::kValid);
+  const SnapshotEntry& e = *snapshot.FindEntry("Sub", "empty");
+  EXPECT_FALSE(e.hasBlockHash);
+  EXPECT_EQ(e.fileHash, Base64Encode(crypto->Sha256(std::vector<uint8_t>())));
+
+  // The composed document loads back with both passes.
+  LoggedSnapshot back;
+  ASSERT_TRUE(back.snapshot.LoadXml(snapshot.ComposeXml()));
+  ASSERT_TRUE(back.snapshot.LoadBlockHashes());
+  EXPECT_EQ(back.snapshot, snapshot);
+  EXPECT_EQ(back.snapshot.FindEntry("", "big.bin")->blockHashes, b.blockHashes);
+}
+
+TEST(SnapshotBuilderTest, OneThreadOrTwoGiveTheSameSnapshot) {
+  TempDir dir;
+  for (int i = 0; i < 20; ++i) WriteFile(dir / ("f" + std::to_string(i)), Pattern(1000 + i * 300, char(i)));
+  Snapshot one, two;
+  SnapshotBuildOptions options;
+  options.blockSize = 512;
+  options.hashThreads = 1;
+  BuildSnapshotFromFolder(dir.path(), options, one);
+  options.hashThreads = 2;
+  BuildSnapshotFromFolder(dir.path(), options, two);
+  ASSERT_EQ(one, two);
+  for (size_t i = 0; i < one.entries.size(); ++i) EXPECT_EQ(one.entries[i].blockHashes, two.entries[i].blockHashes);
+}
+
+TEST(SnapshotBuilderTest, LinksInsideAreFollowedOnlyToFiles) {
+  TempDir dir;
+  WriteFile(dir / "pkg" / "real.txt", "abc");
+  fs::create_directories(dir / "pkg" / "dir");
+  fs::create_symlink("real.txt", dir / "pkg" / "alias.txt");
+  fs::create_directory_symlink("dir", dir / "pkg" / "dirlink");
+  mkfifo((dir / "pkg" / "pipe").c_str(), 0600);
+  auto log = std::make_shared<testing::RecordingLogger>();
+  Snapshot snapshot;
+  SnapshotBuildOptions options;
+  options.log = log.get();
+  BuildSnapshotFromFolder(dir / "pkg", options, snapshot);
+  ASSERT_NE(snapshot.FindEntry("", "alias.txt"), nullptr);
+  EXPECT_EQ(snapshot.FindEntry("", "alias.txt")->size, 3);
+  EXPECT_EQ(snapshot.FindEntry("dirlink", ""), nullptr);
+  EXPECT_EQ(snapshot.FindEntry("", "pipe"), nullptr);
+  EXPECT_TRUE(log->Contains("Skipping symbolic link to a folder"));
+  EXPECT_TRUE(log->Contains("not a regular file or folder"));
+}
+
+TEST(SnapshotBuilderTest, RefusalsLeaveTheSnapshotUnchanged) {
+  struct Case {
+    std::string title;
+    std::function<void(const fs::path& pkg, const fs::path& outside)> make;
+    std::string message;
+  };
+  const Case cases[] = {
+      {"LinkToAFileOutside", [](auto& pkg, auto& out) { fs::create_symlink(out / "secret", pkg / "s"); },
+       "leads outside the folder"},
+      {"LinkToAFolderOutside", [](auto& pkg, auto& out) { fs::create_directory_symlink(out, pkg / "d"); },
+       "leads outside the folder"},
+      {"DanglingLink", [](auto& pkg, auto&) { fs::create_symlink(pkg / "gone", pkg / "s"); },
+       "leads outside the folder"},
+      {"Colon", [](auto& pkg, auto&) { WriteFile(pkg / "C:x", ""); }, "Unsafe file name 'C:x'"},
+      {"Backslash", [](auto& pkg, auto&) { WriteFile(pkg / "sub" / "a\\b", ""); }, "Unsafe file name 'sub\\a\\b'"},
+      {"ControlCharacter", [](auto& pkg, auto&) { WriteFile(pkg / "a\tb", ""); }, "Unsafe file name 'a?b'"},
+      {"NotUtf8", [](auto& pkg, auto&) { WriteFile(pkg / "\xC3\x28", ""); }, "Unsafe file name"},
+      {"CaseTwins", [](auto& pkg, auto&) { WriteFile(pkg / "Readme", ""), WriteFile(pkg / "README", ""); },
+       "Names differ only in letter case"},
+  };
+  for (const Case& c : cases) {
+    TempDir dir;
+    WriteFile(dir / "outside" / "secret", "s");
+    WriteFile(dir / "pkg" / "ok.txt", "ok");
+    c.make(dir / "pkg", dir / "outside");
+    Snapshot snapshot;
+    snapshot.entries.resize(1);
+    try {
+      BuildSnapshotFromFolder(dir / "pkg", SnapshotBuildOptions{}, snapshot);
+      ADD_FAILURE() << c.title << " was accepted";
+    } catch (const Error& e) {
+      EXPECT_EQ(e.code(), 0x80070057u) << c.title;
+      EXPECT_NE(e.description().find(c.message), std::string::npos) << c.title << ": " << e.description();
+    }
+    EXPECT_EQ(snapshot.entries.size(), 1u) << c.title;
+  }
+  Snapshot snapshot;
+  EXPECT_THROW(BuildSnapshotFromFolder("/nonexistent/folder", SnapshotBuildOptions{}, snapshot), Error);
+}
+
+TEST(SnapshotBuilderTest, FromAListing) {
+  Snapshot snapshot;
+  snapshot.blockSize = 10;
+  const ListedItem items[] = {
+      {"b\\c\\file.txt", false, 25, 7}, {"a.txt", false, 10, 0}, {"empty", true}, {"B", true}, {"nosize", false}};
+  SetEntriesFromListing(items, snapshot);
+  std::vector<std::string> paths;
+  for (const SnapshotEntry& e : snapshot.entries)
+    paths.push_back(e.RelativePath() + "|" + std::to_string(e.firstBlock));
+  EXPECT_EQ(paths, (std::vector<std::string>{"a.txt|0", "nosize|1", "b|4294967295", "b\\c|4294967295",
+                                             "b\\c\\file.txt|1", "empty|4294967295"}));
+  EXPECT_EQ(snapshot.totalBlocks, 4u);
+  EXPECT_TRUE(snapshot.hasUnhashedFiles);
+  EXPECT_EQ(snapshot.FindEntry("b\\c", "file.txt")->lastModified, 7u);
+
+  for (const char* bad : {"..\\x", "\\abs", "a\\\\b", "C:\\x", "", "x/y"}) {
+    const ListedItem item[] = {{bad, false, 1}};
+    EXPECT_THROW(SetEntriesFromListing(item, snapshot), Error) << bad;
+  }
+  EXPECT_EQ(snapshot.entries.size(), 6u);
+}
+
+}  // namespace
+}  // namespace pkgdlv

@@ -1,0 +1,147 @@
+// Documents made to hurt: names that would leave the package folder, deep
+// nesting, huge values, entity bombs. Each is refused cleanly, leaves the
+// snapshot as it was, and says why.
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "snapshot/snapshot.h"
+#include "snapshot_test_support.h"
+
+namespace pkgdlv {
+namespace {
+
+using testing::HashText;
+using testing::LoggedSnapshot;
+using testing::SnapshotDoc;
+using testing::StdAttributes;
+
+struct UnsafeCase {
+  std::string title;
+  std::string body;   // inside Root
+  std::string shown;  // the path as the warning quotes it
+};
+
+void PrintTo(const UnsafeCase& c, std::ostream* out) { *out << c.title; }
+
+class UnsafeNameTest : public ::testing::TestWithParam<UnsafeCase> {};
+
+TEST_P(UnsafeNameTest, IsRefusedByTheTreePass) {
+  const UnsafeCase& c = GetParam();
+  LoggedSnapshot s;
+  ASSERT_TRUE(s.snapshot.LoadXml(
+      SnapshotDoc(StdAttributes(), R"(<Root size="1"><File name="ok" size="1" fileHash="h"/></Root>)")));
+  const Snapshot before = s.snapshot;
+  EXPECT_FALSE(s.snapshot.LoadXml(SnapshotDoc(StdAttributes(), "<Root size=\"0\">" + c.body + "</Root>")));
+  EXPECT_EQ(s.log->Count("Invalid snapshot XML: Unsafe path '" + c.shown + "'"), 1u);
+  EXPECT_EQ(s.snapshot, before);
+  EXPECT_EQ(s.snapshot.documentText, before.documentText);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, UnsafeNameTest,
+    ::testing::Values(
+        UnsafeCase{"TraversalInAFileName", R"(<File name="..\..\etc\passwd" size="0"/>)", "..\\..\\etc\\passwd"},
+        UnsafeCase{"DotDotFile", R"(<File name=".." size="0"/>)", ".."},
+        UnsafeCase{"DotFolder", R"(<Folder name="."><File name="x" size="0"/></Folder>)", "."},
+        UnsafeCase{"DotDotFolder", R"(<Folder name="a"><Folder name=".."/></Folder>)", "a\\.."},
+        UnsafeCase{"TraversalInAFolderName", R"(<Folder name="..\..\etc"/>)", "..\\..\\etc"},
+        UnsafeCase{"DriveLetter", R"(<File name="C:x" size="0"/>)", "C:x"},
+        UnsafeCase{"DriveFolder", R"(<Folder name="C:"><File name="w" size="0"/></Folder>)", "C:"},
+        UnsafeCase{"AbsoluteSlash", R"(<File name="/etc/passwd" size="0"/>)", "/etc/passwd"},
+        UnsafeCase{"AbsoluteBackslash", R"(<Folder name="\Windows"/>)", "\\Windows"},
+        UnsafeCase{"SlashInside", R"(<Folder name="a"><File name="b/c" size="0"/></Folder>)", "a\\b/c"},
+        UnsafeCase{"TabByReference", R"(<File name="a&#9;b" size="0"/>)", "a?b"},
+        UnsafeCase{"LineFeedByReference", R"(<File name="a&#10;INFO forged" size="0"/>)", "a?INFO forged"},
+        UnsafeCase{"Delete", R"(<File name="a&#127;" size="0"/>)", "a?"},
+        UnsafeCase{"EmptyFileName", R"(<File name="" size="0"/>)", ""},
+        UnsafeCase{"EmptyFolderName", R"(<Folder name=""/>)", ""}),
+    [](const auto& info) { return info.param.title; });
+
+TEST(HostileDocumentTest, DeepNestingIsRefusedWithoutHarm) {
+  std::string open, close;
+  for (int i = 0; i < 5000; ++i) {
+    open += "<Folder name=\"d\">";
+    close += "</Folder>";
+  }
+  LoggedSnapshot s;
+  EXPECT_FALSE(s.snapshot.LoadXml(SnapshotDoc(StdAttributes(), "<Root size=\"0\">" + open + close + "</Root>")));
+  EXPECT_TRUE(s.log->Contains("Invalid snapshot XML: XML failed to load"));
+
+  // Nesting within the reader's limit loads, with the whole path.
+  open.clear(), close.clear();
+  std::string path;
+  for (int i = 0; i < 200; ++i) {
+    open += "<Folder name=\"d\">";
+    close += "</Folder>";
+    path += path.empty() ? "d" : "\\d";
+  }
+  ASSERT_TRUE(s.snapshot.LoadXml(SnapshotDoc(StdAttributes(), "<Root size=\"1\">" + open +
+                                                                  "<File name=\"f\" size=\"1\" blockHash=\"" +
+                                                                  HashText(32) + "\"/>" + close + "</Root>")));
+  ASSERT_TRUE(s.snapshot.LoadBlockHashes());
+  EXPECT_EQ(s.snapshot.FindEntry(path, "f")->blockHashes.size(), 32u);
+}
+
+TEST(HostileDocumentTest, HugeValues) {
+  LoggedSnapshot s;
+  // Beyond the reader's limit for one value.
+  EXPECT_FALSE(s.snapshot.LoadXml(SnapshotDoc(
+      StdAttributes(), "<Root size=\"1\"><File name=\"" + std::string(20'000'000, 'n') + "\" size=\"1\"/></Root>")));
+  // Within it: hashes for far more blocks than the file has are refused.
+  ASSERT_TRUE(
+      s.snapshot.LoadXml(SnapshotDoc(StdAttributes(), "<Root size=\"1\"><File name=\"a\" size=\"1\" blockHash=\"" +
+                                                          HashText(3'000'000) + "\"/></Root>")));
+  EXPECT_FALSE(s.snapshot.LoadBlockHashes());
+  EXPECT_TRUE(s.snapshot.entries[0].blockHashes.empty());
+  EXPECT_TRUE(s.log->Contains("Invalid snapshot XML: Bad block hash detected for file '\\a'"));
+}
+
+TEST(HostileDocumentTest, EntityBombsDoNotExpand) {
+  std::string dtd = "<!DOCTYPE Snapshot [<!ENTITY a0 \"aaaaaaaaaa\">";
+  for (int i = 1; i < 12; ++i) {
+    dtd += "<!ENTITY a" + std::to_string(i) + " \"";
+    for (int k = 0; k < 10; ++k) dtd += "&a" + std::to_string(i - 1) + ";";
+    dtd += "\">";
+  }
+  dtd += "]>";
+  const std::string doc = dtd + SnapshotDoc(StdAttributes(), R"(<Root size="1"><File name="&a11;" size="1"/></Root>)");
+  LoggedSnapshot s;
+  auto start = std::chrono::steady_clock::now();
+  bool loaded = s.snapshot.LoadXml(doc);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  if (loaded) {
+    EXPECT_LT(s.snapshot.entries.at(0).name.size(), 1'000'000u);
+  }
+}
+
+TEST(HostileDocumentTest, MissingAndEmptyAttributes) {
+  struct Case {
+    std::string root, body;
+    bool loads;
+  };
+  const Case cases[] = {
+      {"", R"(<Root size="0"/>)", true},  // nothing but a Root: an empty legacy snapshot
+      {"", R"(<Root size="0"><File name="a"/></Root>)", true},
+      {"", R"(<Root size=""/>)", false},
+      {R"(id="")", R"(<Root size="0"/>)", false},
+      {R"(version="")", R"(<Root size="0"/>)", false},
+      {"", R"(<Root size="0"><File name="a" size=""/></Root>)", false},
+      {"", R"(<Root size="0"><File name="a" lastModifiedTime=""/></Root>)", false},
+      {"", R"(<Root size="0"><x:File xmlns:x="urn:x" name="a" size="5"/></Root>)", true},  // not a File
+  };
+  for (const Case& c : cases) {
+    LoggedSnapshot s;
+    EXPECT_EQ(s.snapshot.LoadXml(SnapshotDoc(c.root, c.body)), c.loads) << c.root << c.body;
+    if (!c.loads) {
+      for (const auto& line : s.log->Lines()) {
+        if (line.level == loglevel::kWarning) {
+          EXPECT_EQ(line.message.rfind("Invalid snapshot XML: ", 0), 0u);
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace pkgdlv

@@ -1,0 +1,340 @@
+// The tree pass: document structure, root attributes, block numbering and the
+// refusals, each with the line the component writes.
+#include <gtest/gtest.h>
+
+#include "snapshot/snapshot.h"
+#include "snapshot_test_support.h"
+#include "util/xml.h"
+
+namespace pkgdlv {
+namespace {
+
+using testing::HashText;
+using testing::LoggedSnapshot;
+using testing::SnapshotDoc;
+using testing::StdAttributes;
+
+struct LoadCase {
+  std::string title;
+  std::string document;
+  bool loads;
+  std::string line;  // a line that must be logged ("" none required)
+  uint32_t level = loglevel::kWarning;
+};
+
+void PrintTo(const LoadCase& c, std::ostream* out) { *out << c.title; }
+
+class SnapshotLoadTest : public ::testing::TestWithParam<LoadCase> {};
+
+TEST_P(SnapshotLoadTest, LoadsOrRefusesWithItsLine) {
+  const LoadCase& c = GetParam();
+  LoggedSnapshot s;
+  EXPECT_EQ(s.snapshot.LoadXml(c.document), c.loads);
+  if (!c.line.empty()) {
+    bool found = false;
+    for (const auto& line : s.log->Lines()) {
+      if (line.message == c.line) {
+        found = true;
+        EXPECT_EQ(line.level, c.level);
+        EXPECT_EQ(line.component, "Snapshot");
+      }
+    }
+    EXPECT_TRUE(found) << "missing line: " << c.line;
+  }
+}
+
+// The text as UTF-16 (little endian, with its byte order mark).
+std::string Utf16Le(const std::string& ascii) {
+  std::string out = "\xFF\xFE";
+  for (char c : ascii) out += std::string{c, '\0'};
+  return out;
+}
+
+const std::string kOneFile = R"(<Root size="10" files="1" folders="0"><File name="a" size="10"/></Root>)";
+
+const std::vector<LoadCase> kLoadCases = {
+    LoadCase{"Plain", SnapshotDoc(StdAttributes(), kOneFile), true, ""},
+    LoadCase{"LegacyRootName", SnapshotDoc(R"(PkgVersion="7" blockSize="0")", kOneFile, "FolderSnapShot"), true, ""},
+    LoadCase{"NoBlockSizeIsLegacy", SnapshotDoc(R"(version="1")", kOneFile), true,
+             "Legacy snapshot XML: Missing hash block size", loglevel::kInfo},
+    LoadCase{"NotXml", "<Snapshot", false, "Invalid snapshot XML: XML failed to load"},
+    LoadCase{"EmptyText", "", false, "Invalid snapshot XML: XML failed to load"},
+    LoadCase{"WrongRoot", SnapshotDoc(StdAttributes(), kOneFile, "Snapshots"), false,
+             "Invalid snapshot XML: Incorrect root element"},
+    LoadCase{"RootNameIsCaseSensitive", SnapshotDoc(StdAttributes(), kOneFile, "snapshot"), false,
+             "Invalid snapshot XML: Incorrect root element"},
+    LoadCase{"NoRootFolder", SnapshotDoc(StdAttributes(), "<Folder name=\"x\"/>"), false,
+             "Invalid snapshot XML: Missing Root element"},
+    LoadCase{"RootWithoutSize", SnapshotDoc(StdAttributes(), R"(<Root><File name="a" size="10"/></Root>)"), false,
+             "Invalid snapshot XML: Missing Root element's size"},
+    LoadCase{"RootSizeOneMore", SnapshotDoc(StdAttributes(), R"(<Root size="11"><File name="a" size="10"/></Root>)"),
+             false, "Invalid snapshot XML: Total file size mismatch, expected 10, actual: 11"},
+    LoadCase{"RootSizeOneLess", SnapshotDoc(StdAttributes(), R"(<Root size="9"><File name="a" size="10"/></Root>)"),
+             false, "Invalid snapshot XML: Total file size mismatch, expected 10, actual: 9"},
+    LoadCase{"FileWithoutName", SnapshotDoc(StdAttributes(), R"(<Root size="0"><File size="0"/></Root>)"), false,
+             "Invalid snapshot XML: Missing file name"},
+    LoadCase{"NestedFileWithoutName",
+             SnapshotDoc(StdAttributes(), R"(<Root size="0"><Folder name="d"><File/></Folder></Root>)"), false,
+             "Invalid snapshot XML: Missing file name"},
+    LoadCase{"FolderWithoutName", SnapshotDoc(StdAttributes(), R"(<Root size="0"><Folder/></Root>)"), false,
+             "Invalid snapshot XML: Missing folder name"},
+    LoadCase{"BadSize", SnapshotDoc(StdAttributes(), R"(<Root size="0"><File name="a" size="-1"/></Root>)"), false,
+             "Invalid snapshot XML: Bad value '-1' of attribute 'size'"},
+    LoadCase{"SizeBeyondInt64",
+             SnapshotDoc(StdAttributes(), R"(<Root size="0"><File name="a" size="9223372036854775808"/></Root>)"),
+             false, "Invalid snapshot XML: Bad value '9223372036854775808' of attribute 'size'"},
+    LoadCase{"BadTime", SnapshotDoc(R"(time="yesterday" blockSize="4")", kOneFile), false,
+             "Invalid snapshot XML: Bad value 'yesterday' of attribute 'time'"},
+    LoadCase{"BadId", SnapshotDoc(R"(id="{nope}" blockSize="4")", kOneFile), false,
+             "Invalid snapshot XML: Bad value '{nope}' of attribute 'id'"},
+    LoadCase{"BlockSizeBeyond32Bits", SnapshotDoc(R"(blockSize="4294967296")", kOneFile), false,
+             "Invalid snapshot XML: Bad value '4294967296' of attribute 'blockSize'"},
+    LoadCase{"TooManyBlocks",
+             SnapshotDoc(R"(blockSize="1")", R"(<Root size="9000000000"><File name="a" size="9000000000"/></Root>)"),
+             false, "Invalid snapshot XML: Too many hash blocks"},
+    LoadCase{
+        "CaseTwins",
+        SnapshotDoc(StdAttributes(), R"(<Root size="2"><File name="a" size="1"/><File name="A" size="1"/></Root>)"),
+        false, "Invalid snapshot XML: Duplicate entry 'A'"},
+    LoadCase{"CommentEndsTheWalk",
+             SnapshotDoc(StdAttributes(),
+                         R"(<Root size="3"><File name="a" size="1"/><!-- --><File name="b" size="2"/></Root>)"),
+             false, "Invalid snapshot XML: Total file size mismatch, expected 1, actual: 3"},
+    LoadCase{
+        "TextEndsTheWalk",
+        SnapshotDoc(StdAttributes(), R"(<Root size="3"><File name="a" size="1"/> x <File name="b" size="2"/></Root>)"),
+        false, "Invalid snapshot XML: Total file size mismatch, expected 1, actual: 3"},
+    LoadCase{"EntityTextEndsTheWalk",
+             SnapshotDoc(StdAttributes(),
+                         R"(<Root size="3"><File name="a" size="1"/>&amp;<File name="b" size="2"/></Root>)"),
+             false, "Invalid snapshot XML: Total file size mismatch, expected 1, actual: 3"},
+    LoadCase{"CDataEndsTheWalk",
+             SnapshotDoc(StdAttributes(),
+                         R"(<Root size="3"><File name="a" size="1"/><![CDATA[x]]><File name="b" size="2"/></Root>)"),
+             false, "Invalid snapshot XML: Total file size mismatch, expected 1, actual: 3"},
+    LoadCase{
+        "TextEndsOnlyItsOwnFolder",
+        SnapshotDoc(
+            StdAttributes(),
+            R"(<Root size="3"><Folder name="d">text<File name="x" size="9"/></Folder><File name="b" size="3"/></Root>)"),
+        true, ""},
+    LoadCase{"FileContentIsNotVisited",
+             SnapshotDoc(StdAttributes(), R"(<Root size="1"><File name="a" size="1">text<File/></File></Root>)"), true,
+             ""},
+    LoadCase{"SecondRootIsIgnored",
+             SnapshotDoc(StdAttributes(),
+                         R"(<Other><Root size="7"/></Other><Root size="1"><File name="a" size="1"/></Root><Root/>)"),
+             true, ""},
+    LoadCase{"MalformedAfterAnError", SnapshotDoc(StdAttributes(), R"(<Root size="0"><File/></Root><x>)"), false,
+             "Invalid snapshot XML: XML failed to load"},
+    LoadCase{"Utf16", Utf16Le(SnapshotDoc("version=\"2\"", R"(<Root size="1"><File name="a" size="1"/></Root>)")), true,
+             "Legacy snapshot XML: Missing hash block size", loglevel::kInfo},
+};
+
+INSTANTIATE_TEST_SUITE_P(Documents, SnapshotLoadTest, ::testing::ValuesIn(kLoadCases),
+                         [](const auto& info) { return info.param.title; });
+
+// LoadXml walks plain documents without building a tree; the tree walk
+// (ParseSnapshotElement) must come to the same result, with the same lines.
+TEST(SnapshotLoadTest, StreamingAndTreeWalksAgree) {
+  for (const LoadCase& c : kLoadCases) {
+    LoggedSnapshot streamed, walked;
+    bool streamedOk = streamed.snapshot.LoadXml(c.document);
+    std::optional<xml::Document> document = xml::Document::TryParse(c.document);
+    bool walkedOk = document && walked.snapshot.ParseSnapshotElement(document->Root());
+    EXPECT_EQ(streamedOk, walkedOk) << c.title;
+    EXPECT_EQ(streamed.snapshot, walked.snapshot) << c.title;
+    EXPECT_EQ(streamed.snapshot.blockSize, walked.snapshot.blockSize) << c.title;
+    EXPECT_EQ(streamed.snapshot.totalBlocks, walked.snapshot.totalBlocks) << c.title;
+    EXPECT_EQ(streamed.snapshot.hasUnhashedFiles, walked.snapshot.hasUnhashedFiles) << c.title;
+    if (!document) continue;  // the tree walk never started
+    std::vector<std::string> a, b;
+    for (const auto& line : streamed.log->Lines()) a.push_back(line.message);
+    for (const auto& line : walked.log->Lines()) b.push_back(line.message);
+    EXPECT_EQ(a, b) << c.title;
+  }
+}
+
+TEST(SnapshotLoadTest, RootAttributesAndBlockSizes) {
+  struct Case {
+    std::string attributes;
+    std::string rootName;
+    uint32_t version, declared, effective;
+    bool legacyLine;
+  };
+  const Case cases[] = {
+      {R"(PkgVersion="7")", "FolderSnapShot", 7, 0, 2097152, true},
+      {R"(version="3" PkgVersion="7" blockSize="0")", "Snapshot", 3, 0, 2097152, false},
+      {R"(version="3" blockSize="65536")", "Snapshot", 3, 65536, 65536, false},
+      {R"(blockSize="1")", "FolderSnapShot", 0, 1, 1, false},
+  };
+  for (const Case& c : cases) {
+    LoggedSnapshot s;
+    ASSERT_TRUE(s.snapshot.LoadXml(SnapshotDoc(c.attributes, kOneFile, c.rootName))) << c.attributes;
+    EXPECT_EQ(s.snapshot.version, c.version) << c.attributes;
+    EXPECT_EQ(s.snapshot.declaredBlockSize, c.declared) << c.attributes;
+    EXPECT_EQ(s.snapshot.blockSize, c.effective) << c.attributes;
+    EXPECT_EQ(s.log->Contains("Legacy snapshot XML: Missing hash block size"), c.legacyLine) << c.attributes;
+  }
+}
+
+TEST(SnapshotLoadTest, EntriesAreSortedAndNumberedInBlocks) {
+  // b: one byte over the block size (2 blocks); c: empty (none, shares its
+  // first block with the next file); D: 1 byte; the sub folder's file comes
+  // after the root's files.
+  const std::string doc = SnapshotDoc(StdAttributes(), R"(
+      <Root size="2097156" files="3" folders="1">
+        <File name="b" size="2097153" lastModifiedTime="2024-03-01 10:20:30" fileHash="x"/>
+        <File name="c" size="0"/>
+        <File name="D" size="1"/>
+        <Folder name="Sub" size="2" files="1" folders="0">
+          <File name="e" size="2"/>
+        </Folder>
+      </Root>)");
+  LoggedSnapshot s;
+  ASSERT_TRUE(s.snapshot.LoadXml(doc));
+  struct Want {
+    std::string folder, name;
+    int64_t size;
+    uint32_t firstBlock;
+  };
+  const Want want[] = {
+      {"", "b", 2097153, 0}, {"", "c", 0, 2}, {"", "D", 1, 2}, {"Sub", "", 0, kNoBlock}, {"Sub", "e", 2, 3}};
+  ASSERT_EQ(s.snapshot.entries.size(), std::size(want));
+  for (size_t i = 0; i < std::size(want); ++i) {
+    const SnapshotEntry& e = s.snapshot.entries[i];
+    EXPECT_EQ(e.folder, want[i].folder) << i;
+    EXPECT_EQ(e.name, want[i].name) << i;
+    EXPECT_EQ(e.size, want[i].size) << i;
+    EXPECT_EQ(e.firstBlock, want[i].firstBlock) << i;
+    EXPECT_EQ(e.validBytes, -1) << i;
+    EXPECT_EQ(e.state, entrystate::kNotChecked) << i;
+  }
+  EXPECT_EQ(s.snapshot.totalBlocks, 4u);
+  EXPECT_EQ(s.snapshot.entries[0].lastModified, *ParseDocumentTime("2024-03-01 10:20:30"));
+  EXPECT_EQ(s.snapshot.entries[0].fileHash, "x");
+  EXPECT_EQ(s.snapshot.GetIdText(), testing::kTestId);
+  EXPECT_EQ(s.snapshot.time, *ParseDocumentTime("2024-03-01T10:20:30"));
+  EXPECT_EQ(s.snapshot.version, 5u);
+}
+
+TEST(SnapshotLoadTest, FileWithoutSizeKeepsMinusOneAndTheTotalIsNotChecked) {
+  LoggedSnapshot s;
+  ASSERT_TRUE(s.snapshot.LoadXml(
+      SnapshotDoc(StdAttributes(), R"(<Root size="0"><File name="a"/><File name="b" size="4"/></Root>)")));
+  EXPECT_EQ(s.snapshot.FindEntry("", "a")->size, -1);
+  EXPECT_TRUE(s.snapshot.IsIncomplete());
+}
+
+TEST(SnapshotLoadTest, TheWalkEndsAtTheFirstChildThatIsNotAnElement) {
+  // Blank text between elements does not end it; a comment does, so the file
+  // after it is never read and the total no longer matches.
+  const std::string body = R"(<Root size="3">
+      <File name="a" size="1"/>
+      <!-- note --><File name="b" size="2"/></Root>)";
+  LoggedSnapshot s;
+  EXPECT_FALSE(s.snapshot.LoadXml(SnapshotDoc(StdAttributes(), body)));
+  EXPECT_TRUE(s.log->Contains("Total file size mismatch, expected 1, actual: 3"));
+  // Unknown elements are skipped without ending the walk.
+  EXPECT_TRUE(s.snapshot.LoadXml(SnapshotDoc(
+      StdAttributes(), R"(<Root size="3"><File name="a" size="1"/><Extra/><File name="b" size="2"/></Root>)")));
+}
+
+TEST(SnapshotLoadTest, AFailedLoadLeavesTheObjectAsItWasExceptTheUnhashedFlag) {
+  LoggedSnapshot s;
+  ASSERT_TRUE(s.snapshot.LoadXml(
+      SnapshotDoc(StdAttributes(), R"(<Root size="10"><File name="a" size="10" fileHash="h"/></Root>)")));
+  s.snapshot.path = "/pkg";
+  s.snapshot.signature = "c2ln";
+  s.snapshot.signedData = {1, 2, 3};
+  s.snapshot.hashNotRequired = true;
+  const Snapshot before = s.snapshot;
+  ASSERT_FALSE(s.snapshot.hasUnhashedFiles);
+
+  // An unhashed file, then a size mismatch: the load fails after the walk.
+  EXPECT_FALSE(s.snapshot.LoadXml(
+      SnapshotDoc(R"(version="9" blockSize="4")", R"(<Root size="99"><File name="z" size="1"/></Root>)")));
+  EXPECT_EQ(s.snapshot, before);
+  EXPECT_EQ(s.snapshot.version, 5u);
+  EXPECT_EQ(s.snapshot.blockSize, 2097152u);
+  EXPECT_EQ(s.snapshot.documentText, before.documentText);
+  EXPECT_TRUE(s.snapshot.hasUnhashedFiles);
+
+  // A successful load keeps the object's own path, signature, signed data and flags.
+  ASSERT_TRUE(s.snapshot.LoadXml(
+      SnapshotDoc(R"(version="9" blockSize="4")", R"(<Root size="1"><File name="z" size="1" fileHash="h"/></Root>)")));
+  EXPECT_EQ(s.snapshot.version, 9u);
+  EXPECT_EQ(s.snapshot.path, "/pkg");
+  EXPECT_EQ(s.snapshot.signature, "c2ln");
+  EXPECT_EQ(s.snapshot.signedData, (std::vector<uint8_t>{1, 2, 3}));
+  EXPECT_TRUE(s.snapshot.hashNotRequired);
+  EXPECT_TRUE(s.snapshot.hasUnhashedFiles);
+  EXPECT_TRUE(s.snapshot.id.IsNull());
+}
+
+TEST(SnapshotLoadTest, EntryLookupAndStates) {
+  LoggedSnapshot s;
+  ASSERT_TRUE(s.snapshot.LoadXml(SnapshotDoc(StdAttributes(), R"(
+      <Root size="3"><File name="one" size="1"/><File name="Two" size="1"/>
+        <Folder name="Dir"><File name="three" size="1"/></Folder></Root>)")));
+  Snapshot& snap = s.snapshot;
+  EXPECT_NE(snap.FindEntry("", "ONE"), nullptr);
+  EXPECT_NE(snap.FindEntry("dir", "THREE"), nullptr);
+  EXPECT_NE(snap.FindEntry("DIR", ""), nullptr);  // the folder entry
+  EXPECT_EQ(snap.FindEntry("", "three"), nullptr);
+  EXPECT_EQ(snap.FindEntry("dir", "one"), nullptr);
+
+  EXPECT_TRUE(snap.SetEntryState("", "one", entrystate::kValid));
+  EXPECT_TRUE(snap.SetEntryState("", "two", entrystate::kInvalid));
+  EXPECT_TRUE(snap.SetEntryState("Dir", "three", entrystate::kHashNotComputed));
+  EXPECT_FALSE(snap.SetEntryState("", "four", entrystate::kValid));
+  snap.ResetStates();
+  EXPECT_EQ(snap.FindEntry("", "one")->state, entrystate::kValid);
+  EXPECT_EQ(snap.FindEntry("", "two")->state, entrystate::kNotChecked);
+  EXPECT_EQ(snap.FindEntry("dir", "three")->state, entrystate::kNotChecked);
+}
+
+TEST(SnapshotLoadTest, IncompleteFiles) {
+  struct Case {
+    std::string file;
+    bool hashNotRequired;
+    bool incomplete;
+  };
+  const std::string t = R"( lastModifiedTime="2024-01-01 00:00:00")";
+  const Case cases[] = {
+      {R"(<File name="a" size="1" fileHash="h")" + t + "/>", false, false},
+      {R"(<File name="a" size="1" blockHash="h")" + t + "/>", false, false},
+      {R"(<File name="a" size="1")" + t + "/>", false, true},     // no hash
+      {R"(<File name="a" size="1")" + t + "/>", true, false},     // ... unless none is required
+      {R"(<File name="a" fileHash="h")" + t + "/>", true, true},  // no size
+      {R"(<File name="a" size="1" fileHash="h"/>)", true, true},  // no time
+  };
+  for (const Case& c : cases) {
+    LoggedSnapshot s;
+    s.snapshot.hashNotRequired = c.hashNotRequired;
+    bool knownSize = c.file.find("size") != std::string::npos;
+    ASSERT_TRUE(s.snapshot.LoadXml(SnapshotDoc(
+        StdAttributes(), "<Root size=\"" + std::string(knownSize ? "1" : "0") + "\">" + c.file + "</Root>")))
+        << c.file;
+    EXPECT_EQ(s.snapshot.IsIncomplete(), c.incomplete) << c.file;
+  }
+  EXPECT_FALSE(Snapshot().IsIncomplete());  // no entries
+}
+
+TEST(SnapshotLoadTest, ResetEmptiesEverything) {
+  LoggedSnapshot s;
+  ASSERT_TRUE(s.snapshot.LoadXml(SnapshotDoc(R"(blockSize="8")", kOneFile)));
+  s.snapshot.signature = "x";
+  s.snapshot.hashNotRequired = true;
+  s.snapshot.Reset();
+  EXPECT_TRUE(s.snapshot.entries.empty());
+  EXPECT_TRUE(s.snapshot.documentText.empty());
+  EXPECT_TRUE(s.snapshot.signature.empty());
+  EXPECT_FALSE(s.snapshot.hashNotRequired);
+  EXPECT_EQ(s.snapshot.blockSize, kDefaultBlockSize);
+  EXPECT_EQ(s.snapshot.totalBlocks, 0u);
+  EXPECT_EQ(s.snapshot.GetIdText(), "{00000000-0000-0000-0000-000000000000}");
+}
+
+}  // namespace
+}  // namespace pkgdlv
