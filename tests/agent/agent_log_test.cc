@@ -115,16 +115,6 @@ TEST_F(AgentLogTest, NewFileStartsWithHeaderRecordThenEventRecordsExactly) {
   EXPECT_EQ(ReadFile(LogFile()), expected);
 }
 
-TEST_F(AgentLogTest, MissingHeaderGivesAnEmptyStartRecord) {
-  NewLog()->Log(loglevel::kError, "Snapshot", "x");
-  ParsedLogFile parsed = Parse();
-  ASSERT_EQ(parsed.records.size(), 2u);
-  EXPECT_TRUE(parsed.records[0].start);
-  EXPECT_EQ(parsed.records[0].Attribute("source"), "Log File Start");
-  EXPECT_EQ(parsed.records[0].text, "");
-  EXPECT_EQ(parsed.records[1].Attribute("severity"), "1");
-}
-
 struct DateCase {
   const char* zone;
   const char* expected;
@@ -143,8 +133,7 @@ INSTANTIATE_TEST_SUITE_P(Zones, LogDateTest,
                          ::testing::Values(DateCase{"UTC0", "01/01/2026 00:00:00.1230000 +00:00"},
                                            DateCase{"EST5", "12/31/2025 19:00:00.1230000 -05:00"},
                                            DateCase{"<-0330>3:30", "12/31/2025 20:30:00.1230000 -03:30"},
-                                           DateCase{"IST-5:30", "01/01/2026 05:30:00.1230000 +05:30"},
-                                           DateCase{"<+1245>-12:45", "01/01/2026 12:45:00.1230000 +12:45"}));
+                                           DateCase{"IST-5:30", "01/01/2026 05:30:00.1230000 +05:30"}));
 
 struct MessageCase {
   std::string name;
@@ -171,8 +160,7 @@ std::string Repeat(std::string_view piece, size_t times) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Messages, AgentLogMessageTest,
-                         ::testing::Values(MessageCase{"Plain", "PackageRequest", "done", "done"},
-                                           MessageCase{"CdataEndInside", "Snapshot", "a]]>b]]>", "a]]>b]]>"},
+                         ::testing::Values(MessageCase{"CdataEndInside", "Snapshot", "a]]>b]]>", "a]]>b]]>"},
                                            MessageCase{"QuotesInSource", "it's <\"x\"> & co", "m", "m"},
                                            MessageCase{"LongAsciiCut", "C", Repeat("x", 5000), Repeat("x", 4096)},
                                            MessageCase{"ExactlyAtLimit", "C", Repeat("y", 4096), Repeat("y", 4096)},
@@ -301,7 +289,7 @@ TEST_F(AgentLogTest, FailingSettingsWritesDoNotStopTheLog) {
   EXPECT_EQ(store_->WriteCount(), 0u);
 }
 
-TEST_F(AgentLogTest, SettingsAreCachedUntilTheChangeCounterMoves) {
+TEST_F(AgentLogTest, SettingsAreCachedUntilTheCounterMovesOrTheIntervalPasses) {
   options_.settings_cache_ms = 60'000;
   auto log = NewLog();
   log->Log(kInfo, "C", "first");  // writes the defaults, which moves the counter once
@@ -321,23 +309,15 @@ TEST_F(AgentLogTest, SettingsAreCachedUntilTheChangeCounterMoves) {
   auto moved = ParseAgentLog(ReadFile(dir_ / "elsewhere" / "Agent.log"));
   ASSERT_EQ(moved.records.size(), 2u);
   EXPECT_EQ(moved.records[1].text, "moved");
-}
 
-TEST_F(AgentLogTest, SettingsAreReadAgainWhenTheCacheIntervalPasses) {
-  options_.settings_cache_ms = 10'000;
-  SetNumber("Severity", 7);
-  SetNumber("MaxSize", 100);
-  SetNumber("MaxFiles", 20);
-  SetText("FileName", "Agent.log");
-  auto log = NewLog();
-  log->Log(kInfo, "C", "first");
-  const uint64_t reads = store_->GetCount();
-  clock_->Advance(9'999);
-  log->Log(kInfo, "C", "cached");
-  EXPECT_EQ(store_->GetCount(), reads);
+  // Without a change the settings are read again once the interval passes.
+  const uint64_t before_interval = store_->GetCount();
+  clock_->Advance(59'999);
+  log->Log(kWarning, "C", "cached");
+  EXPECT_EQ(store_->GetCount(), before_interval);
   clock_->Advance(1);
-  log->Log(kInfo, "C", "read again");
-  EXPECT_GT(store_->GetCount(), reads);
+  log->Log(kWarning, "C", "read again");
+  EXPECT_GT(store_->GetCount(), before_interval);
 }
 
 // Appends event lines of about 200 bytes until the file passes the size.
@@ -428,12 +408,6 @@ INSTANTIATE_TEST_SUITE_P(Sets, AgentLogRolloverTest,
                                                          "Agent3.log", "Agent4.log"},
                                                         "Agent3.log"}),
                          [](const auto& info) { return info.param.name; });
-
-TEST_F(AgentLogTest, MissingNestedFolderIsCreated) {
-  options_.default_folder = dir_ / "a" / "b" / "log";
-  NewLog()->Log(kInfo, "C", "m");
-  EXPECT_TRUE(fs::exists(dir_ / "a" / "b" / "log" / "Agent.log"));
-}
 
 // Answers nothing and fails every call.
 class BrokenStore final : public SettingsStore {

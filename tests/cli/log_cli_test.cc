@@ -1,8 +1,6 @@
 // The log subcommand, end to end through the pkgdlv tool and its settings database.
 #include <gtest/gtest.h>
 
-#include <map>
-#include <thread>
 
 #include "support/agent_log_parser.h"
 #include "support/temp_dir.h"
@@ -59,9 +57,7 @@ TEST_F(LogCliTest, WritesARecordToTheFileThatPathNames) {
   EXPECT_EQ(events[0].text, "hello wide world");
   EXPECT_EQ(events[1].Attribute("source"), "pkgdlv");
   EXPECT_EQ(events[1].Attribute("severity"), "2");
-}
-
-TEST_F(LogCliTest, ConsoleFlagEchoesTheLine) {
+  // A console flag in the level echoes the line.
   EXPECT_EQ(Ok("log write --level 0x4000001 --component Snapshot broken"), "*ERRR\tSnapshot\t\tbroken\r\n");
 }
 
@@ -79,28 +75,6 @@ TEST_F(LogCliTest, RejectsBadArguments) {
     EXPECT_EQ(result.exit_code, 1) << arguments;
     EXPECT_NE(result.err.find("pkgdlv: "), std::string::npos) << arguments << ": " << result.err;
   }
-}
-
-TEST_F(LogCliTest, TwoToolProcessesShareTheLogWhileItRollsOver) {
-  Ok(std::string("settings set ") + kLogKey + " MaxSize 10");
-  Ok(std::string("settings set ") + kLogKey + " MaxFiles 1000");
-  constexpr int kLines = 1000;
-  std::vector<std::thread> writers;
-  std::vector<ToolResult> results(2);
-  for (int i = 0; i < 2; ++i) {
-    writers.emplace_back([&, i] {
-      results[i] = Run("log write --count " + std::to_string(kLines) + " --component Writer" + std::to_string(i));
-    });
-  }
-  for (auto& writer : writers) writer.join();
-  for (auto& result : results) EXPECT_EQ(result.exit_code, 0) << result.err;
-
-  std::map<std::string, int> seen;
-  for (auto& event : AllEvents()) ++seen[event.Attribute("source") + "/" + event.text];
-  EXPECT_EQ(seen.size(), size_t{2 * kLines});
-  EXPECT_EQ(seen.count("Writer0/line 1"), 1u);
-  EXPECT_EQ(seen.count("Writer1/line " + std::to_string(kLines)), 1u);
-  for (auto& [line, count] : seen) EXPECT_EQ(count, 1) << line;
 }
 
 }  // namespace

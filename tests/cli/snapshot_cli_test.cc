@@ -5,6 +5,7 @@
 #include <string>
 
 #include "support/temp_dir.h"
+#include "support/test_keys.h"
 
 namespace pkgdlv {
 namespace {
@@ -33,9 +34,7 @@ void MakePackage(const std::filesystem::path& folder) {
 class SnapshotCliTest : public ::testing::TestWithParam<std::string> {
  protected:
   void SetUp() override {
-    std::string options = GetParam() == "RSA" ? "-algorithm RSA -pkeyopt rsa_keygen_bits:2048"
-                                              : "-algorithm EC -pkeyopt ec_paramgen_curve:P-256";
-    RunShell("openssl genpkey " + options + " -out " + Quote(dir_ / "key.pem") + " 2>/dev/null");
+    std::filesystem::copy_file(testing::TestKey(GetParam()), dir_ / "key.pem");
     RunShell("openssl pkey -in " + Quote(dir_ / "key.pem") + " -pubout -out " + Quote(dir_ / "pub.pem"));
     MakePackage(dir_ / "pkg");
   }

@@ -42,15 +42,16 @@ class DeliverySettingsTest : public ::testing::Test {
   DeliverySettings settings_{*store_, log_};
 };
 
-struct DefaultCase {
+// A setting's name and accessor, a stored number and what the accessor gives.
+struct ValueCase {
   const char* name;
   Getter read;
-  uint32_t stored_default;
+  uint32_t stored;
   uint64_t result;
 };
 
 TEST_F(DeliverySettingsTest, EachDefaultIsWrittenAtItsFirstRead) {
-  const std::vector<DefaultCase> cases = {
+  const std::vector<ValueCase> cases = {
       {"Retry delay (mins)", kRetryDelayMs, 3, 180'000},
       {"Urgent retry delay (ms)", kUrgentRetryDelayMs, 22'500, 22'500},
       {"Maximum retry delay (mins)", kMaxRetryDelayMs, 120, 7'200'000},
@@ -63,25 +64,18 @@ TEST_F(DeliverySettingsTest, EachDefaultIsWrittenAtItsFirstRead) {
       {"Server Request Maximum Backoff Interval (mins)", kMaxBackoffMinutes, 120, 120},
       {"Maximum decrypt failures", kMaxDecryptFailures, 10, 10},
   };
-  for (const DefaultCase& c : cases) {
+  for (const ValueCase& c : cases) {
     ASSERT_EQ(Stored(c.name), std::nullopt) << c.name << " existed before its first read";
     EXPECT_EQ(c.read(settings_), c.result) << c.name;
-    EXPECT_EQ(Stored(c.name), SettingValue::Number(c.stored_default)) << c.name;
+    EXPECT_EQ(Stored(c.name), SettingValue::Number(c.stored)) << c.name;
   }
   EXPECT_EQ(store_->List(kDeliverySettingsKey).size(), cases.size());
   EXPECT_EQ(DeliverySettings::Rules().size(), cases.size());
   EXPECT_FALSE(log_.Contains("Unable to save setting"));
 }
 
-struct LimitCase {
-  const char* name;
-  Getter read;
-  uint32_t stored;
-  uint64_t result;
-};
-
 TEST_F(DeliverySettingsTest, StoredValuesAreLimitedToTheirRangeButNeverCorrected) {
-  const std::vector<LimitCase> cases = {
+  const std::vector<ValueCase> cases = {
       {"Retry delay (mins)", kRetryDelayMs, 0, 60'000},
       {"Retry delay (mins)", kRetryDelayMs, 1, 60'000},
       {"Retry delay (mins)", kRetryDelayMs, 60, 3'600'000},
@@ -122,7 +116,7 @@ TEST_F(DeliverySettingsTest, StoredValuesAreLimitedToTheirRangeButNeverCorrected
       {"Maximum decrypt failures", kMaxDecryptFailures, 1, 1},
       {"Maximum decrypt failures", kMaxDecryptFailures, 100'000, 100'000},
   };
-  for (const LimitCase& c : cases) {
+  for (const ValueCase& c : cases) {
     Store(c.name, c.stored);
     EXPECT_EQ(c.read(settings_), c.result) << c.name << " stored " << c.stored;
     EXPECT_EQ(Stored(c.name), SettingValue::Number(c.stored)) << c.name << " was corrected";

@@ -14,12 +14,6 @@ using testing::LoggedSnapshot;
 using testing::SnapshotDoc;
 using testing::StdAttributes;
 
-std::vector<uint8_t> Bytes(size_t n, uint8_t seed = 1) {
-  std::vector<uint8_t> data(n);
-  for (size_t i = 0; i < n; ++i) data[i] = static_cast<uint8_t>(seed + i);
-  return data;
-}
-
 TEST(BlockHashesTest, DecodesEveryFilesHashes) {
   // Block size 4: a (5 bytes) has 2 blocks, sub\b (4 bytes) 1, the empty file none.
   const std::string doc = SnapshotDoc(StdAttributes("4"), R"(<Root size="9">
@@ -32,8 +26,8 @@ TEST(BlockHashesTest, DecodesEveryFilesHashes) {
   ASSERT_TRUE(s.snapshot.LoadXml(doc));
   ASSERT_TRUE(s.snapshot.LoadBlockHashes());
   EXPECT_EQ(LastSnapshotError(), 0u);
-  EXPECT_EQ(s.snapshot.FindEntry("", "a")->blockHashes, Bytes(64, 1));
-  EXPECT_EQ(s.snapshot.FindEntry("sub", "b")->blockHashes, Bytes(32, 9));
+  EXPECT_EQ(s.snapshot.FindEntry("", "a")->blockHashes, testing::HashBytes(64, 1));
+  EXPECT_EQ(s.snapshot.FindEntry("sub", "b")->blockHashes, testing::HashBytes(32, 9));
   EXPECT_TRUE(s.snapshot.FindEntry("", "empty")->blockHashes.empty());
   EXPECT_TRUE(s.log->Lines().empty());
 }
@@ -115,9 +109,9 @@ TEST(BlockHashesTest, NamesMatchByPrefixIgnoringCase) {
   EXPECT_FALSE(s.snapshot.LoadBlockHashes());                 // "a" lost its hashes to "b"
   EXPECT_EQ(s.log->Count("No block hash detected"), 1u);
   EXPECT_TRUE(s.log->Contains("No block hash detected for file '\\a'"));
-  EXPECT_EQ(s.snapshot.FindEntry("", "b")->blockHashes, Bytes(32, 1));
-  EXPECT_EQ(s.snapshot.FindEntry("", "c")->blockHashes, Bytes(32, 2));
-  EXPECT_EQ(s.snapshot.FindEntry("sub", "f")->blockHashes, Bytes(32, 3));
+  EXPECT_EQ(s.snapshot.FindEntry("", "b")->blockHashes, testing::HashBytes(32, 1));
+  EXPECT_EQ(s.snapshot.FindEntry("", "c")->blockHashes, testing::HashBytes(32, 2));
+  EXPECT_EQ(s.snapshot.FindEntry("sub", "f")->blockHashes, testing::HashBytes(32, 3));
 }
 
 TEST(BlockHashesTest, ParserModesAndPathBuilding) {
@@ -167,7 +161,7 @@ TEST(BlockHashesTest, Base64DecodingIntoABuffer) {
   for (size_t n : {0, 1, 2, 3, 31, 32, 33, 96}) {
     std::string text = HashText(n, 200);
     ASSERT_EQ(DecodeBase64Into(text, out), nullptr) << n;
-    EXPECT_EQ(out, Bytes(n, 200)) << n;
+    EXPECT_EQ(out, testing::HashBytes(n, 200)) << n;
   }
   for (const char* bad : {"A", "AB=", "A===", "AB=C", "ab\ncd==", "QUJD\x80", "=AAA"}) {
     EXPECT_NE(DecodeBase64Into(bad, out), nullptr) << bad;

@@ -3,8 +3,6 @@
 // snapshot as it was, and says why.
 #include <gtest/gtest.h>
 
-#include <chrono>
-
 #include "snapshot/snapshot.h"
 #include "snapshot_test_support.h"
 
@@ -83,36 +81,15 @@ TEST(HostileDocumentTest, DeepNestingIsRefusedWithoutHarm) {
   EXPECT_EQ(s.snapshot.FindEntry(path, "f")->blockHashes.size(), 32u);
 }
 
-TEST(HostileDocumentTest, HugeValues) {
+TEST(HostileDocumentTest, HashesForFarMoreBlocksAreRefused) {
   LoggedSnapshot s;
-  // Beyond the reader's limit for one value.
-  EXPECT_FALSE(s.snapshot.LoadXml(SnapshotDoc(
-      StdAttributes(), "<Root size=\"1\"><File name=\"" + std::string(20'000'000, 'n') + "\" size=\"1\"/></Root>")));
-  // Within it: hashes for far more blocks than the file has are refused.
+  // Hashes for far more blocks than the file has are refused.
   ASSERT_TRUE(
       s.snapshot.LoadXml(SnapshotDoc(StdAttributes(), "<Root size=\"1\"><File name=\"a\" size=\"1\" blockHash=\"" +
                                                           HashText(3'000'000) + "\"/></Root>")));
   EXPECT_FALSE(s.snapshot.LoadBlockHashes());
   EXPECT_TRUE(s.snapshot.entries[0].blockHashes.empty());
   EXPECT_TRUE(s.log->Contains("Invalid snapshot XML: Bad block hash detected for file '\\a'"));
-}
-
-TEST(HostileDocumentTest, EntityBombsDoNotExpand) {
-  std::string dtd = "<!DOCTYPE Snapshot [<!ENTITY a0 \"aaaaaaaaaa\">";
-  for (int i = 1; i < 12; ++i) {
-    dtd += "<!ENTITY a" + std::to_string(i) + " \"";
-    for (int k = 0; k < 10; ++k) dtd += "&a" + std::to_string(i - 1) + ";";
-    dtd += "\">";
-  }
-  dtd += "]>";
-  const std::string doc = dtd + SnapshotDoc(StdAttributes(), R"(<Root size="1"><File name="&a11;" size="1"/></Root>)");
-  LoggedSnapshot s;
-  auto start = std::chrono::steady_clock::now();
-  bool loaded = s.snapshot.LoadXml(doc);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-  if (loaded) {
-    EXPECT_LT(s.snapshot.entries.at(0).name.size(), 1'000'000u);
-  }
 }
 
 TEST(HostileDocumentTest, MissingAndEmptyAttributes) {

@@ -8,6 +8,7 @@
 #include "snapshot/snapshot.h"
 #include "snapshot_test_support.h"
 #include "support/temp_dir.h"
+#include "support/test_keys.h"
 
 namespace pkgdlv {
 namespace {
@@ -75,17 +76,7 @@ TEST(SecurityDataTest, WhatADocumentReplaces) {
 
 class SignatureTest : public ::testing::TestWithParam<std::string> {
  protected:
-  static void SetUpTestSuite() {
-    keys_ = new TempDir;
-    testing::GenerateKey(*keys_ / "RSA.pem", "RSA");
-    testing::GenerateKey(*keys_ / "EC.pem", "EC");
-    testing::GenerateKey(*keys_ / "other.pem", "EC");
-  }
-  static void TearDownTestSuite() {
-    delete keys_;
-    keys_ = nullptr;
-  }
-  std::filesystem::path Key() const { return *keys_ / (GetParam() + ".pem"); }
+  std::filesystem::path Key() const { return testing::TestKey(GetParam()); }
   std::vector<uint8_t> PublicKey(const std::filesystem::path& key) {
     return *Base64Decode(crypto_->PublicKeyBase64FromPrivateKey(key));
   }
@@ -100,10 +91,8 @@ class SignatureTest : public ::testing::TestWithParam<std::string> {
     return s;
   }
 
-  static TempDir* keys_;
   std::shared_ptr<Crypto> crypto_ = NewOpenSslCrypto();
 };
-TempDir* SignatureTest::keys_ = nullptr;
 
 TEST_P(SignatureTest, SavedSnapshotVerifiesAndAnyChangeBreaksIt) {
   TempDir dir;
@@ -125,7 +114,7 @@ TEST_P(SignatureTest, SavedSnapshotVerifiesAndAnyChangeBreaksIt) {
   received.snapshot.signedData[written.find("size=\"3\"") + 6] ^= 1;  // size="2"
   EXPECT_FALSE(received.snapshot.IsValidSignature(*crypto_, PublicKey(Key())));
   received.snapshot.signedData.assign(written.begin(), written.end());
-  EXPECT_FALSE(received.snapshot.IsValidSignature(*crypto_, PublicKey(*keys_ / "other.pem")));
+  EXPECT_FALSE(received.snapshot.IsValidSignature(*crypto_, PublicKey(testing::TestKey(GetParam(), 1))));
   received.snapshot.signedData.push_back('\n');  // even a trailing line break
   EXPECT_FALSE(received.snapshot.IsValidSignature(*crypto_, PublicKey(Key())));
 }

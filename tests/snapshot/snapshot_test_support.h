@@ -1,7 +1,6 @@
-// Documents and keys made at run time for the snapshot tests.
+// Documents made at run time for the snapshot tests.
 #pragma once
 
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -27,24 +26,17 @@ inline std::string StdAttributes(const std::string& blockSize = "2097152") {
          "\" path=\"ignored\" time=\"2024-03-01T10:20:30\" version=\"5\"";
 }
 
-// Base64 of n bytes whose values start at seed.
-inline std::string HashText(size_t bytes, uint8_t seed = 1) {
-  std::vector<uint8_t> data(bytes);
-  for (size_t i = 0; i < bytes; ++i) data[i] = static_cast<uint8_t>(seed + i);
-  return Base64Encode(data);
+// n bytes whose values count up from seed, and their Base64 text.
+inline std::vector<uint8_t> HashBytes(size_t n, uint8_t seed = 1) {
+  std::vector<uint8_t> data(n);
+  for (size_t i = 0; i < n; ++i) data[i] = static_cast<uint8_t>(seed + i);
+  return data;
 }
+inline std::string HashText(size_t n, uint8_t seed = 1) { return Base64Encode(HashBytes(n, seed)); }
 
 struct LoggedSnapshot {
   std::shared_ptr<RecordingLogger> log = std::make_shared<RecordingLogger>();
   Snapshot snapshot{log};
 };
-
-// Generates a private key into path with openssl: "RSA" (2048 bits) or "EC" (P-256).
-inline void GenerateKey(const std::filesystem::path& path, const std::string& kind) {
-  std::string options =
-      kind == "RSA" ? "-algorithm RSA -pkeyopt rsa_keygen_bits:2048" : "-algorithm EC -pkeyopt ec_paramgen_curve:P-256";
-  std::string command = "openssl genpkey " + options + " -out '" + path.string() + "' 2>/dev/null";
-  if (std::system(command.c_str()) != 0) throw std::runtime_error("openssl genpkey failed");
-}
 
 }  // namespace pkgdlv::testing

@@ -80,6 +80,16 @@ Bytes CompressStream(const uint8_t* data, size_t size, int level) {
 
 uint32_t Crc(const uint8_t* data, size_t size) { return static_cast<uint32_t>(crc32(0, data, size)); }
 
+Bytes Header(uint64_t crc_sum, uint32_t count, uint32_t magic = 0x09176045, uint32_t end = 0xCFCFCFCF) {
+  Bytes frame;
+  PutU32(frame, magic);
+  PutU32(frame, 0);
+  PutU64(frame, crc_sum);
+  PutU32(frame, count);
+  PutU32(frame, end);
+  return frame;
+}
+
 // A frame written with plain compress2 in slices of `slice` bytes.
 Bytes ReferenceFrame(const Bytes& data, int level, size_t slice) {
   Bytes chunks;
@@ -92,12 +102,7 @@ Bytes ReferenceFrame(const Bytes& data, int level, size_t slice) {
     chunks.insert(chunks.end(), stream.begin(), stream.end());
     crc_sum += Crc(data.data() + at, size);
   }
-  Bytes frame;
-  PutU32(frame, 0x09176045);
-  PutU32(frame, 0);
-  PutU64(frame, crc_sum);
-  PutU32(frame, count);
-  PutU32(frame, 0xCFCFCFCF);
+  Bytes frame = Header(crc_sum, count);
   frame.insert(frame.end(), chunks.begin(), chunks.end());
   return frame;
 }
@@ -139,24 +144,7 @@ Bytes MakeData(Kind kind, size_t size, unsigned seed = 1) {
   return data;
 }
 
-const char* KindName(Kind kind) {
-  switch (kind) {
-    case Kind::kText: return "text";
-    case Kind::kRandom: return "random";
-    case Kind::kZeros: return "zeros";
-  }
-  return "?";
-}
-
-Bytes Header(uint64_t crc_sum, uint32_t count, uint32_t magic = 0x09176045, uint32_t end = 0xCFCFCFCF) {
-  Bytes frame;
-  PutU32(frame, magic);
-  PutU32(frame, 0);
-  PutU64(frame, crc_sum);
-  PutU32(frame, count);
-  PutU32(frame, end);
-  return frame;
-}
+const char* KindName(Kind kind) { return kind == Kind::kText ? "text" : kind == Kind::kRandom ? "random" : "zeros"; }
 
 // ---- Round trips.
 
@@ -203,12 +191,9 @@ TEST_P(FrameRoundTripTest, PacksIntoTheLayoutAndUnpacksBack) {
 
 INSTANTIATE_TEST_SUITE_P(
     Sizes, FrameRoundTripTest,
-    ::testing::Values(RoundTripCase{Kind::kText, 1, 1}, RoundTripCase{Kind::kText, 1000, 1},
-                      RoundTripCase{Kind::kText, 65535, 1}, RoundTripCase{Kind::kText, 65536, 1},
-                      RoundTripCase{Kind::kText, 65537, 2}, RoundTripCase{Kind::kText, 3 * 65536, 3},
-                      RoundTripCase{Kind::kText, 1'000'003, 16}, RoundTripCase{Kind::kRandom, 17, 1},
+    ::testing::Values(RoundTripCase{Kind::kText, 1, 1}, RoundTripCase{Kind::kText, 65536, 1},
+                      RoundTripCase{Kind::kText, 65537, 2}, RoundTripCase{Kind::kText, 1'000'003, 16},
                       RoundTripCase{Kind::kRandom, 65536, 1}, RoundTripCase{Kind::kRandom, 65537, 2},
-                      RoundTripCase{Kind::kRandom, 300'000, 5}, RoundTripCase{Kind::kZeros, 65536, 1},
                       RoundTripCase{Kind::kZeros, 2 * 65536 + 5, 3}),
     [](const auto& info) { return std::string(KindName(info.param.kind)) + std::to_string(info.param.size); });
 
@@ -226,32 +211,22 @@ TEST(CompressedFrameTest, EmptyInputIsABareHeaderAndUnpacksToNothing) {
   EXPECT_TRUE(log.Contains("Decompressed data: 24 -> 0"));
 }
 
-// Random bytes do not fit zlib's output into the first 64 KiB window.
-TEST(CompressedFrameTest, IncompressibleSliceOverflowsTheFirstWindow) {
-  const Bytes data = MakeData(Kind::kRandom, 65536, 9);
-  RecordingLogger log;
-  Bytes buffer = data;
-  ASSERT_TRUE(Compress(buffer, 1, 0, log));
-  ParsedFrame parsed = Parse(buffer);
-  ASSERT_EQ(parsed.chunks.size(), 1u);
-  EXPECT_GT(parsed.chunks[0].size(), 65536u);
-  EXPECT_EQ(parsed.chunks[0], CompressStream(data.data(), data.size(), 1));
-  ASSERT_TRUE(Decompress(buffer, 0, log));
-  EXPECT_EQ(buffer, data);
-}
-
 // ---- Interoperation with the independent writer.
 
+// Random data also checks a slice whose zlib output outgrows the 64 KiB window.
 TEST(CompressedFrameTest, FramesMatchPlainCompress2ByteForByte) {
-  const Bytes data = MakeData(Kind::kText, 200'000, 3);
   RecordingLogger log;
-  for (int level : {1, 6, 9}) {
-    Bytes buffer = data;
-    ASSERT_TRUE(Compress(buffer, level, 0, log));
-    EXPECT_EQ(buffer, ReferenceFrame(data, level, 0x10000)) << "level " << level;
+  for (Kind kind : {Kind::kText, Kind::kRandom}) {
+    const Bytes data = MakeData(kind, 200'000, 3);
+    for (int level : {1, 9}) {
+      Bytes buffer = data;
+      ASSERT_TRUE(Compress(buffer, level, 0, log));
+      EXPECT_EQ(buffer, ReferenceFrame(data, level, 0x10000)) << KindName(kind) << " level " << level;
+    }
   }
 }
 
+// Other writers may slice differently, up to 1 MiB in one chunk.
 TEST(CompressedFrameTest, UnpacksFramesOfOtherWriters) {
   struct Case {
     Kind kind;
@@ -261,7 +236,8 @@ TEST(CompressedFrameTest, UnpacksFramesOfOtherWriters) {
   };
   const Case cases[] = {{Kind::kText, 150'000, 9, 1000},  {Kind::kText, 150'000, 9, 0x10000},
                         {Kind::kRandom, 5000, 0, 7},      {Kind::kText, 70'000, 1, 1},
-                        {Kind::kZeros, 100'000, 9, 33333}, {Kind::kText, 65536, 6, 0x10000}};
+                        {Kind::kZeros, 100'000, 9, 33333}, {Kind::kText, 300'000, 6, 300'000},
+                        {Kind::kText, 1 << 20, 6, 1 << 20}};
   RecordingLogger log;
   for (const Case& c : cases) {
     const Bytes data = MakeData(c.kind, c.size, 5);
@@ -382,44 +358,23 @@ TEST(CompressedFrameTest, FrameCutShortAtEveryLength) {
   }
 }
 
-TEST(CompressedFrameTest, ChunkLengthPastTheEnd) {
-  const Bytes data = MakeData(Kind::kText, 5000, 2);
-  Bytes frame = ReferenceFrame(data, 1, 0x10000);
-  frame[24] += 1;  // the only chunk now claims one byte more than is there
-  RecordingLogger log;
-  Bytes buffer = frame;
-  EXPECT_FALSE(Decompress(buffer, 0, log));
-  EXPECT_EQ(buffer, frame);
-  EXPECT_EQ(LastFrameError(), result::kEndOfData);
-  EXPECT_TRUE(log.Lines().empty());
-
-  // A length field of 0xFFFFFFFF must not wrap around the bounds test.
-  for (int i = 0; i < 4; ++i) frame[24 + i] = 0xFF;
-  buffer = frame;
-  EXPECT_FALSE(Decompress(buffer, 0, log));
-  EXPECT_EQ(LastFrameError(), result::kEndOfData);
-}
-
-// A header claiming 2^32-1 chunks over a few bytes ends at the first missing
-// chunk without reserving room for them all.
-TEST(CompressedFrameTest, HugeChunkCountOverLittleData) {
-  const Bytes data = MakeData(Kind::kText, 100, 2);
-  Bytes frame = ReferenceFrame(data, 1, 0x10000);
-  frame[16] = frame[17] = frame[18] = frame[19] = 0xFF;
-  RecordingLogger log;
-  EXPECT_FALSE(Decompress(frame, 0, log));
-  EXPECT_EQ(LastFrameError(), result::kEndOfData);
-}
-
-// A writer with slices larger than 64 KiB is still read, up to 1 MiB in one
-// chunk: the window grows.
-TEST(CompressedFrameTest, ChunkLargerThanOneSliceIsRead) {
-  for (size_t size : {size_t{65537}, size_t{300'000}, size_t{1} << 20}) {
-    const Bytes data = MakeData(Kind::kText, size, 8);
-    Bytes buffer = FrameWithChunk(data, CompressStream(data.data(), data.size(), 6));
+// Chunk lengths or counts past the end: no allocation for the claim, no
+// wrap-around of the bounds test, no log line.
+TEST(CompressedFrameTest, ClaimsPastTheEndAreTruncation) {
+  const Bytes good = ReferenceFrame(MakeData(Kind::kText, 5000, 2), 1, 0x10000);
+  const struct {
+    size_t at;
+    Bytes bytes;
+  } cases[] = {{24, {static_cast<uint8_t>(good[24] + 1)}}, {24, {0xFF, 0xFF, 0xFF, 0xFF}}, {16, {0xFF, 0xFF, 0xFF, 0xFF}}};
+  for (const auto& c : cases) {
+    Bytes frame = good;
+    std::copy(c.bytes.begin(), c.bytes.end(), frame.begin() + static_cast<std::ptrdiff_t>(c.at));
     RecordingLogger log;
-    ASSERT_TRUE(Decompress(buffer, 0, log)) << size;
-    EXPECT_EQ(buffer, data) << size;
+    Bytes buffer = frame;
+    EXPECT_FALSE(Decompress(buffer, 0, log));
+    EXPECT_EQ(buffer, frame);
+    EXPECT_EQ(LastFrameError(), result::kEndOfData);
+    EXPECT_TRUE(log.Lines().empty());
   }
 }
 
@@ -428,7 +383,7 @@ TEST(CompressedFrameTest, RandomFramesNeverCrash) {
   const Bytes data = MakeData(Kind::kText, 4000, 3);
   const Bytes good = ReferenceFrame(data, 1, 500);
   RecordingLogger log;
-  for (int round = 0; round < 2000; ++round) {
+  for (int round = 0; round < 1000; ++round) {
     Bytes frame;
     if (round % 2 == 0) {  // a sound frame with a few bytes changed
       frame = good;

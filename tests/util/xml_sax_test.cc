@@ -114,16 +114,6 @@ TEST(XmlSaxTest, FileAndMemoryGiveTheSameEvents) {
   EXPECT_EQ(from_utf16.Finish(), events);
 }
 
-TEST(XmlSaxTest, ReadsUtf16WithByteOrderMark) {
-  const std::string utf8 = "<a v=\"caf\xC3\xA9 \xF0\x9F\x98\x80\">\xE2\x82\xAC</a>";
-  for (bool big_endian : {false, true}) {
-    RecordingHandler handler;
-    SAXParser parser;
-    parser.ParseMemory(testing::ToUtf16(utf8, big_endian), handler);
-    EXPECT_EQ(handler.Finish(), (Events{"<a v=caf\xC3\xA9 \xF0\x9F\x98\x80", "\xE2\x82\xAC", "</a>"}));
-  }
-}
-
 TEST(XmlSaxTest, HandlerStopsTheParseMidway) {
   const std::string doc = LargeSnapshot(10000) + "<not well formed";  // the fault is never reached
   testing::TempDir dir;
