@@ -52,6 +52,20 @@ constexpr Result kServerPaused = 0x8004200E;
 constexpr Result kHttpNotFound = 0x80042D21;     // HTTP failure; status 404 tells "not found"
 constexpr Result kPeerBlocksNotReady = 0x8FA101A0;
 constexpr Result kPeerFilesNotReady = 0x8FA10194;
+
+// Network transport failures (agent/transport_errors.cc maps every transfer
+// failure onto one of these; HTTP statuses travel beside kHttpNotFound).
+constexpr Result kAccessDenied = 0x80070005;       // Win32 5: a file or share refused us
+constexpr Result kNotImplemented = 0x80004001;     // an operation the location's protocol cannot do
+constexpr Result kResponseTooLarge = 0x800700DF;   // Win32 223: body over the caller's limit
+constexpr Result kTransferTimeout = 0x800705B4;    // Win32 1460: connect time-out or stalled transfer
+constexpr Result kConnectionRefused = 0x800704C9;  // Win32 1225
+constexpr Result kCannotConnect = 0x800C0004;      // no connection (network down, unreachable)
+constexpr Result kHostNotFound = 0x800C0005;       // the server's name does not resolve
+constexpr Result kDownloadFailed = 0x800C0008;     // connection reset, truncated body, a wrong range answer
+constexpr Result kInvalidProtocol = 0x800C000D;    // scheme other than http, https, file, smb
+constexpr Result kRedirectFailed = 0x800C0014;     // too many redirects
+constexpr Result kSecureChannelFailed = 0x800C0019;  // TLS handshake or certificate failure
 }  // namespace result
 
 }  // namespace pkgdlv

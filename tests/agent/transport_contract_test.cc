@@ -1,0 +1,198 @@
+// What every package server must get right from the curl transport, run
+// against two servers: the in-process test server and nginx serving the same
+// package folder.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+#include "agent/network_transport.h"
+#include "agent/transport_test_support.h"
+#include "support/http_test_server.h"
+#include "support/nginx_server.h"
+#include "support/temp_dir.h"
+
+namespace pkgdlv {
+namespace {
+
+using ::pkgdlv::testing::CodeOf;
+using ::pkgdlv::testing::PatternBytes;
+using ::pkgdlv::testing::SecondsSince;
+
+constexpr size_t kBlock = 65536;
+const std::string kSmallText = "hello package\n";
+
+// Redirects every server offers besides the package folder.
+const char* const kRedirects[][2] = {
+    {"/redirect-ok", "/pkg/small.txt"},
+    {"/redirect-ftp", "ftp://127.0.0.1:1/x"},
+    {"/redirect-gopher", "gopher://127.0.0.1:1/x"},
+    {"/redirect-file", "file:///etc/passwd"},
+    {"/loop", "/loop"},
+};
+
+enum class Backend { kTestServer, kNginx };
+
+class TransportContractTest : public ::testing::TestWithParam<Backend> {
+ protected:
+  void SetUp() override {
+    blocks_ = PatternBytes(3 * kBlock + kBlock / 2);
+    huge_ = PatternBytes(3 << 20, 2);
+    testing::WriteFile(folder_ / "pkg" / "small.txt", kSmallText);
+    testing::WriteFile(folder_ / "pkg" / "blocks.bin", blocks_);
+    testing::WriteFile(folder_ / "pkg" / "huge.bin", huge_);
+    if (GetParam() == Backend::kNginx) {
+      if (!testing::NginxServer::Available()) GTEST_SKIP() << "nginx is not installed";
+      std::string locations;
+      for (const auto& r : kRedirects) locations += std::string("location = ") + r[0] + " { return 302 " + r[1] + "; }\n";
+      nginx_ = std::make_unique<testing::NginxServer>(folder_.path(), locations);
+    } else {
+      server_ = std::make_unique<testing::HttpTestServer>();
+      server_->AddFile("/pkg/small.txt", kSmallText);
+      server_->AddFile("/pkg/blocks.bin", blocks_);
+      server_->AddFile("/pkg/huge.bin", huge_);
+      for (const auto& r : kRedirects) server_->AddRedirect(r[0], r[1]);
+    }
+    transport_ = NewCurlTransportFactory()->Create();
+  }
+
+  std::string Url(std::string_view path) const { return nginx_ ? nginx_->Url(path) : server_->Url(path); }
+
+  testing::TempDir folder_;
+  std::string blocks_;
+  std::string huge_;
+  std::unique_ptr<testing::HttpTestServer> server_;
+  std::unique_ptr<testing::NginxServer> nginx_;
+  std::unique_ptr<NetworkTransport> transport_;
+};
+
+TEST_P(TransportContractTest, DownloadsTextAndBytesWithHeadersAndStatus) {
+  EXPECT_EQ(transport_->DownloadText(Url("/pkg/small.txt")), kSmallText);
+  EXPECT_EQ(transport_->HttpStatus(), 200);
+  EXPECT_EQ(transport_->ResponseHeader("CONTENT-length"), std::to_string(kSmallText.size()));
+  EXPECT_NE(transport_->ResponseHeaderText().find("200"), std::string::npos);
+  EXPECT_EQ(transport_->State(), TransportState::kCompleted);
+
+  std::vector<uint8_t> bytes = transport_->DownloadBytes(Url("/pkg/blocks.bin"));
+  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), blocks_);
+}
+
+TEST_P(TransportContractTest, MissingFileIsHttpFailureWith404) {
+  EXPECT_EQ(CodeOf([&] { transport_->DownloadText(Url("/pkg/missing.xml")); }), result::kHttpNotFound);
+  EXPECT_EQ(transport_->HttpStatus(), 404);
+  EXPECT_EQ(transport_->State(), TransportState::kFailed);
+  // The failure leaves the transport usable.
+  EXPECT_EQ(transport_->DownloadText(Url("/pkg/small.txt")), kSmallText);
+}
+
+TEST_P(TransportContractTest, ByteRangesGiveExactlyTheBytesAsked) {
+  struct Case {
+    const char* name;
+    uint64_t first;
+    uint64_t length;
+    uint64_t expected;
+  };
+  const Case cases[] = {
+      {"first block", 0, kBlock, kBlock},
+      {"middle block", kBlock, kBlock, kBlock},
+      {"last, half a block", 3 * kBlock, kBlock, kBlock / 2},  // the file ends inside the range
+      {"one byte", 12345, 1, 1},
+      {"whole file", 0, blocks_.size(), blocks_.size()},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<uint8_t> buffer(c.length, 0xEE);
+    RangeResult got = transport_->DownloadRange(Url("/pkg/blocks.bin"), c.first, buffer);
+    ASSERT_EQ(got.received, c.expected);
+    EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + static_cast<ptrdiff_t>(got.received)),
+              blocks_.substr(c.first, c.expected));
+    EXPECT_EQ(got.effectiveUrl, Url("/pkg/blocks.bin"));
+
+    std::string sunk;
+    got = transport_->DownloadRange(Url("/pkg/blocks.bin"), c.first, c.length,
+                                    [&](std::span<const uint8_t> b) { sunk.append(b.begin(), b.end()); });
+    EXPECT_EQ(sunk, blocks_.substr(c.first, c.expected));
+  }
+}
+
+TEST_P(TransportContractTest, RangeBeyondTheEndIsRefusedWithItsStatus) {
+  std::vector<uint8_t> buffer(10);
+  EXPECT_EQ(CodeOf([&] { transport_->DownloadRange(Url("/pkg/blocks.bin"), blocks_.size() + 10, buffer); }),
+            result::kHttpNotFound);
+  EXPECT_EQ(transport_->HttpStatus(), 416);
+}
+
+TEST_P(TransportContractTest, RedirectsOnlyToHttp) {
+  struct Case {
+    const char* path;
+    Result code;
+  };
+  const Case cases[] = {
+      {"/redirect-ok", result::kOk},
+      {"/redirect-ftp", result::kInvalidProtocol},
+      {"/redirect-gopher", result::kInvalidProtocol},
+      {"/redirect-file", result::kInvalidProtocol},
+      {"/loop", result::kRedirectFailed},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    std::string body;
+    EXPECT_EQ(CodeOf([&] { body = transport_->DownloadText(Url(c.path)); }), c.code);
+    if (c.code == result::kOk) {
+      EXPECT_EQ(body, kSmallText);
+    }
+  }
+  if (server_) {
+    EXPECT_EQ(server_->RequestCount("/loop"), 11u);  // the first request and ten redirects
+  }
+}
+
+TEST_P(TransportContractTest, BodyOverTheLimitFailsCleanly) {
+  RequestOptions options;
+  options.maxBodyBytes = 1 << 20;
+  EXPECT_EQ(CodeOf([&] { transport_->DownloadBytes(Url("/pkg/huge.bin"), options); }), result::kResponseTooLarge);
+  options.maxBodyBytes = huge_.size();
+  EXPECT_EQ(transport_->DownloadBytes(Url("/pkg/huge.bin"), options).size(), huge_.size());
+}
+
+TEST_P(TransportContractTest, AbortFromAnotherThreadEndsTheTransferPromptly) {
+  ConnectionOptions options;
+  options.maxReceiveBytesPerSecond = 64 * 1024;  // the 3 MB file would take most of a minute
+  transport_->SetConnectionOptions(options);
+  std::thread aborter([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    transport_->Abort();
+  });
+  auto start = std::chrono::steady_clock::now();
+  Result code = CodeOf([&] { transport_->DownloadBytes(Url("/pkg/huge.bin")); });
+  double seconds = SecondsSince(start);
+  aborter.join();
+  EXPECT_EQ(code, result::kCancelled);
+  EXPECT_LT(seconds, 2.0);
+  EXPECT_EQ(transport_->State(), TransportState::kAborted);
+  EXPECT_TRUE(transport_->WaitCancellable(0));
+
+  // Aborted stays aborted until Reset, so a late request cannot slip through.
+  EXPECT_EQ(CodeOf([&] { transport_->DownloadText(Url("/pkg/small.txt")); }), result::kCancelled);
+  transport_->Reset();
+  EXPECT_FALSE(transport_->IsAborted());
+  EXPECT_FALSE(transport_->WaitCancellable(0));
+  EXPECT_EQ(transport_->DownloadText(Url("/pkg/small.txt")), kSmallText);
+}
+
+TEST_P(TransportContractTest, PeerRateLimitSlowsTheTransfer) {
+  ConnectionOptions options;
+  options.Set(ConnectionOptions::kPeerDownloadMaxRate, "256d");  // 256 KB/s, written with "%ud"
+  transport_->SetConnectionOptions(options);
+  std::vector<uint8_t> buffer(768 * 1024);
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(transport_->DownloadRange(Url("/pkg/huge.bin"), 0, buffer).received, buffer.size());
+  // Three seconds' worth at the limit; coarse, the limiter may start late.
+  EXPECT_GT(SecondsSince(start), 1.5);
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, TransportContractTest, ::testing::Values(Backend::kTestServer, Backend::kNginx),
+                         [](const auto& info) { return info.param == Backend::kNginx ? "Nginx" : "TestServer"; });
+
+}  // namespace
+}  // namespace pkgdlv

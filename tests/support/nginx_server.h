@@ -1,0 +1,43 @@
+// nginx from a generated configuration, serving a folder on 127.0.0.1 at a
+// free port, as a real package server for integration tests and benchmarks.
+// Configuration, pid file, logs and temporary files live in a folder of its
+// own; the server stops when the object goes.
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "support/temp_dir.h"
+
+namespace pkgdlv::testing {
+
+// A TCP port on 127.0.0.1 that was free a moment ago.
+int FreeLocalPort();
+
+class NginxServer {
+ public:
+  static constexpr const char* kBinary = "/usr/sbin/nginx";
+  static bool Available();
+
+  // Serves root at "/". extra_config is placed inside the server block
+  // (locations with redirects and the like). Throws std::runtime_error, with
+  // the error log, when nginx does not come up within five seconds.
+  explicit NginxServer(const std::filesystem::path& root, std::string_view extra_config = {});
+  ~NginxServer();
+  NginxServer(const NginxServer&) = delete;
+  NginxServer& operator=(const NginxServer&) = delete;
+
+  int port() const { return port_; }
+  std::string Url(std::string_view path) const;
+
+ private:
+  TempDir dir_;
+  int port_ = 0;
+  pid_t pid_ = -1;
+};
+
+}  // namespace pkgdlv::testing
