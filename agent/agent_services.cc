@@ -5,6 +5,8 @@
 #include "agent/agent_log.h"
 #include "agent/clock.h"
 #include "agent/crypto.h"
+#include "agent/network_transport.h"
+#include "agent/secure_store.h"
 #include "agent/settings_store.h"
 #include "util/error.h"
 #include "util/paths.h"
@@ -24,6 +26,8 @@ AgentServices AgentServices::CreateDefault(const std::filesystem::path& data_fol
   log_options.default_folder = DefaultLogFolder(data_folder);
   services.log = NewAgentLog(services.settings, services.clock, log_options);
   services.crypto = NewOpenSslCrypto();
+  services.transports = NewCurlTransportFactory();
+  services.secure_store = OpenSqliteSecureStore(data_folder / "securestore.db", data_folder / "machine.key");
   return services;
 }
 

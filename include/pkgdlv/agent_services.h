@@ -13,6 +13,8 @@ class Clock;
 class SettingsStore;
 class Logger;
 class Crypto;
+class SecureStore;
+class NetworkTransportFactory;
 
 struct AgentServices {
   std::filesystem::path data_folder;        // the agent's data folder
@@ -20,6 +22,8 @@ struct AgentServices {
   std::shared_ptr<SettingsStore> settings;  // the registry's role
   std::shared_ptr<Logger> log;              // the agent log
   std::shared_ptr<Crypto> crypto;           // hashing, signing, signature verification
+  std::shared_ptr<SecureStore> secure_store;  // sealed values by path: block hashes ("securestore.db", "machine.key")
+  std::shared_ptr<NetworkTransportFactory> transports;  // network transports (libcurl), one per user
 
   // The real services over a data folder (created when missing): the system
   // clock, "settings.db", the agent log in "log" and OpenSSL crypto. Throws Error when the

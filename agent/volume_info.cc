@@ -1,0 +1,94 @@
+// The mount holding a path is the mountinfo line with the longest mount point
+// that is a prefix of the path's canonical form; its type is the field after
+// the " - " separator.
+#include "agent/volume_info.h"
+
+#include <sys/statvfs.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "util/strings.h"
+
+namespace pkgdlv {
+namespace {
+
+namespace fs = std::filesystem;
+
+// mountinfo escapes blanks and backslashes in paths as octal ("\040").
+std::string Unescape(std::string_view text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\\' && i + 3 < text.size()) {
+      int value = 0;
+      bool octal = true;
+      for (size_t k = 1; k <= 3; ++k) {
+        char c = text[i + k];
+        if (c < '0' || c > '7') octal = false;
+        value = value * 8 + (c - '0');
+      }
+      if (octal) {
+        out += static_cast<char>(value);
+        i += 3;
+        continue;
+      }
+    }
+    out += text[i];
+  }
+  return out;
+}
+
+bool IsBelow(const std::string& path, const std::string& mountPoint) {
+  if (mountPoint == "/") return true;
+  return path.starts_with(mountPoint) && (path.size() == mountPoint.size() || path[mountPoint.size()] == '/');
+}
+
+std::string FileSystemOf(const std::string& canonical) {
+  std::ifstream mounts("/proc/self/mountinfo");
+  std::string line, best, bestType;
+  while (std::getline(mounts, line)) {
+    std::istringstream fields(line);
+    std::string id, parent, device, root, mountPoint;
+    if (!(fields >> id >> parent >> device >> root >> mountPoint)) continue;
+    size_t separator = line.find(" - ");
+    if (separator == std::string::npos) continue;
+    std::istringstream tail(line.substr(separator + 3));
+    std::string type;
+    tail >> type;
+    mountPoint = Unescape(mountPoint);
+    // Later lines mount over earlier ones at the same point.
+    if (IsBelow(canonical, mountPoint) && mountPoint.size() >= best.size()) {
+      best = mountPoint;
+      bestType = type;
+    }
+  }
+  return bestType;
+}
+
+class LinuxVolumeInfo final : public VolumeInfo {
+ public:
+  std::optional<VolumeDetails> Query(const fs::path& path) override {
+    std::error_code ec;
+    fs::path canonical = fs::canonical(path, ec);
+    if (ec) return std::nullopt;
+    struct statvfs stats {};
+    if (::statvfs(canonical.c_str(), &stats) != 0) return std::nullopt;
+    VolumeDetails details;
+    details.freeBytes = static_cast<uint64_t>(stats.f_bavail) * stats.f_frsize;
+    details.fileSystem = FileSystemOf(canonical.string());
+    details.exactTimes = !IsFatFamily(details.fileSystem);
+    details.sparseFiles = details.exactTimes;
+    return details;
+  }
+};
+
+}  // namespace
+
+bool IsFatFamily(std::string_view fileSystem) {
+  return EqualsNoCase(fileSystem, "vfat") || EqualsNoCase(fileSystem, "msdos") || EqualsNoCase(fileSystem, "exfat") ||
+         EqualsNoCase(fileSystem, "fat");
+}
+
+std::shared_ptr<VolumeInfo> NewLinuxVolumeInfo() { return std::make_shared<LinuxVolumeInfo>(); }
+
+}  // namespace pkgdlv

@@ -1,0 +1,145 @@
+#include "agent/secure_store.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+
+#include "support/temp_dir.h"
+#include "util/error.h"
+
+namespace pkgdlv {
+namespace {
+
+using testing::TempDir;
+
+std::vector<uint8_t> Bytes(std::string_view text) { return {text.begin(), text.end()}; }
+
+class SecureStoreTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<SecureStore> Open(std::string_view keyName = "machine.key") {
+    return OpenSqliteSecureStore(dir_ / "securestore.db", dir_ / keyName);
+  }
+  // Runs sql on the database file behind the store's back.
+  void Exec(const std::string& sql) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((dir_ / "securestore.db").c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+    sqlite3_close(db);
+  }
+  // Changes the sealed bytes stored under path.
+  void Edit(const std::string& path, const std::function<void(std::vector<uint8_t>&)>& change) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((dir_ / "securestore.db").c_str(), &db), SQLITE_OK);
+    sqlite3_stmt* stmt = nullptr;
+    sqlite3_prepare_v2(db, "SELECT value FROM secure_values WHERE path = ?1", -1, &stmt, nullptr);
+    sqlite3_bind_text(stmt, 1, path.c_str(), -1, SQLITE_TRANSIENT);
+    ASSERT_EQ(sqlite3_step(stmt), SQLITE_ROW);
+    const auto* data = static_cast<const uint8_t*>(sqlite3_column_blob(stmt, 0));
+    std::vector<uint8_t> value(data, data + sqlite3_column_bytes(stmt, 0));
+    sqlite3_finalize(stmt);
+    change(value);
+    sqlite3_prepare_v2(db, "UPDATE secure_values SET value = ?2 WHERE path = ?1", -1, &stmt, nullptr);
+    sqlite3_bind_text(stmt, 1, path.c_str(), -1, SQLITE_TRANSIENT);
+    sqlite3_bind_blob(stmt, 2, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT);
+    EXPECT_EQ(sqlite3_step(stmt), SQLITE_DONE);
+    sqlite3_finalize(stmt);
+    sqlite3_close(db);
+  }
+  void ExpectUnopenable(SecureStore& store, std::string_view path) {
+    try {
+      store.Read(path);
+      ADD_FAILURE() << "read of " << path << " succeeded";
+    } catch (const Error& e) {
+      EXPECT_EQ(e.code(), result::kDecryptFailed);
+    }
+  }
+  TempDir dir_;
+};
+
+TEST_F(SecureStoreTest, RoundTripReplaceDeleteAndPrefix) {
+  auto store = Open();
+  EXPECT_EQ(store->Read("a"), std::nullopt);
+  store->Write("Package Delivery\\{A}\\hash\\x.bin", Bytes("one"));
+  store->Write("Package Delivery\\{A}\\hash\\x.bin", Bytes("two"));
+  store->Write("Package Delivery\\{A}\\hash\\sub\\y.bin", Bytes(""));
+  store->Write("Package Delivery\\{A}\\hashes", Bytes("sibling"));
+  store->Write("Package Delivery\\{B}\\hash\\x.bin", Bytes("other package"));
+  EXPECT_EQ(store->Read("Package Delivery\\{A}\\hash\\x.bin"), Bytes("two"));
+  EXPECT_EQ(store->Read("Package Delivery\\{A}\\hash\\sub\\y.bin"), Bytes(""));
+  EXPECT_EQ(store->Read("package delivery\\{A}\\hash\\x.bin"), std::nullopt);  // paths compare exactly
+
+  EXPECT_EQ(store->DeletePrefix("Package Delivery\\{A}\\hash\\"), 2u);
+  EXPECT_EQ(store->Read("Package Delivery\\{A}\\hash\\x.bin"), std::nullopt);
+  EXPECT_EQ(store->Read("Package Delivery\\{A}\\hashes"), Bytes("sibling"));
+  EXPECT_TRUE(store->Delete("Package Delivery\\{B}\\hash\\x.bin"));
+  EXPECT_FALSE(store->Delete("Package Delivery\\{B}\\hash\\x.bin"));
+
+  // A second object (as another process would) reads with the same key.
+  EXPECT_EQ(Open()->Read("Package Delivery\\{A}\\hashes"), Bytes("sibling"));
+  struct stat info {};
+  ASSERT_EQ(::stat((dir_ / "machine.key").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  EXPECT_EQ(info.st_size, 32);
+}
+
+TEST_F(SecureStoreTest, ValuesThatCannotBeOpenedAreRefused) {
+  auto store = Open();
+  store->Write("moved", Bytes("block hashes"));
+  store->Write("tampered", Bytes("block hashes"));
+  store->Write("short", Bytes("x"));
+  Exec("INSERT INTO secure_values (path, value) SELECT 'copy', value FROM secure_values WHERE path = 'moved'");
+  // Flip one byte of the ciphertext, and cut a value to less than its tag.
+  Edit("tampered", [](std::vector<uint8_t>& v) { v[15] ^= 1; });
+  Edit("short", [](std::vector<uint8_t>& v) { v.resize(5); });
+  for (const char* path : {"copy", "tampered", "short"}) ExpectUnopenable(*store, path);
+  EXPECT_EQ(store->Read("moved"), Bytes("block hashes"));
+
+  // The same database under another machine's key.
+  auto stranger = Open("other.key");
+  ExpectUnopenable(*stranger, "moved");
+}
+
+TEST_F(SecureStoreTest, AKeyFileOfTheWrongSizeIsRefused) {
+  testing::WriteFile(dir_ / "machine.key", "short");
+  EXPECT_THROW(Open(), Error);
+}
+
+TEST_F(SecureStoreTest, ProcessesStartingAtOnceShareOneKeyAndAllWritesLand) {
+  constexpr int kProcesses = 3;
+  constexpr int kValues = 40;
+  std::vector<pid_t> children;
+  for (int p = 0; p < kProcesses; ++p) {
+    pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      int status = 0;
+      try {
+        auto store = Open();
+        for (int i = 0; i < kValues; ++i) store->Write(std::to_string(p) + "\\" + std::to_string(i), Bytes("v"));
+      } catch (...) {
+        status = 1;
+      }
+      ::_exit(status);
+    }
+    children.push_back(pid);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  auto store = Open();
+  for (int p = 0; p < kProcesses; ++p) {
+    for (int i = 0; i < kValues; ++i) {
+      EXPECT_EQ(store->Read(std::to_string(p) + "\\" + std::to_string(i)), Bytes("v")) << p << " " << i;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace pkgdlv

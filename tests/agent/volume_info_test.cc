@@ -1,0 +1,27 @@
+#include "agent/volume_info.h"
+
+#include <gtest/gtest.h>
+
+#include "support/temp_dir.h"
+
+namespace pkgdlv {
+namespace {
+
+TEST(VolumeInfoTest, FatFamilyKeepsInexactTimes) {
+  for (const char* fat : {"vfat", "msdos", "exfat", "VFAT"}) EXPECT_TRUE(IsFatFamily(fat)) << fat;
+  for (const char* exact : {"ext4", "xfs", "btrfs", "tmpfs", "", "fuseblk"}) EXPECT_FALSE(IsFatFamily(exact)) << exact;
+}
+
+TEST(VolumeInfoTest, TheLinuxQueryNamesTheMountOfAFolder) {
+  testing::TempDir dir;
+  auto volumes = NewLinuxVolumeInfo();
+  std::optional<VolumeDetails> details = volumes->Query(dir.path());
+  ASSERT_TRUE(details.has_value());
+  EXPECT_FALSE(details->fileSystem.empty());
+  EXPECT_EQ(details->exactTimes, !IsFatFamily(details->fileSystem));
+  EXPECT_GT(details->freeBytes, 0u);
+  EXPECT_EQ(volumes->Query(dir / "absent"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace pkgdlv

@@ -1,0 +1,54 @@
+// pkgdlv package copy | move | clean, run as a separate process.
+#include <gtest/gtest.h>
+
+#include "support/temp_dir.h"
+
+namespace pkgdlv {
+namespace {
+
+using testing::ReadFile;
+using testing::RunTool;
+using testing::TempDir;
+using testing::ToolResult;
+using testing::WriteFile;
+namespace fs = std::filesystem;
+
+std::string Quote(const fs::path& path) { return "'" + path.string() + "'"; }
+
+TEST(PackageCliTest, CopyCleanAndMoveAPackage) {
+  TempDir dir;
+  WriteFile(dir / "pkg" / "a.bin", std::string(9000, 'a'));
+  WriteFile(dir / "pkg" / "sub" / "b.txt", "bee");
+  ASSERT_EQ(RunTool("snapshot create " + Quote(dir / "pkg") +
+                        " --id {8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B} --version 1 --block-size 4096 --out " +
+                        Quote(dir / "doc"),
+                    {}, dir / "home")
+                .exit_code,
+            0);
+  const std::string snapshot = " --snapshot " + Quote(dir / "doc" / "snapshot.xml");
+
+  ToolResult copy = RunTool("package copy " + Quote(dir / "pkg") + snapshot + " --to " + Quote(dir / "copy"), {},
+                            dir / "home");
+  ASSERT_EQ(copy.exit_code, 0) << copy.err;
+  EXPECT_EQ(ReadFile(dir / "copy" / "sub" / "b.txt"), "bee");
+
+  WriteFile(dir / "pkg" / "sub" / "b.txt", "BEE");  // same size, other bytes
+  ToolResult clean = RunTool("package clean " + Quote(dir / "pkg") + snapshot, {}, dir / "home");
+  ASSERT_EQ(clean.exit_code, 0) << clean.err;
+  EXPECT_EQ(clean.out, "1 invalid file(s) deleted\n");
+  EXPECT_FALSE(fs::exists(dir / "pkg" / "sub" / "b.txt"));
+  EXPECT_TRUE(fs::exists(dir / "pkg" / "a.bin"));
+
+  ToolResult move = RunTool("package move " + Quote(dir / "pkg") + snapshot + " --to " + Quote(dir / "moved"), {},
+                            dir / "home");
+  ASSERT_EQ(move.exit_code, 0) << move.err;  // the deleted file is not a failure
+  EXPECT_EQ(ReadFile(dir / "moved" / "a.bin"), std::string(9000, 'a'));
+  EXPECT_FALSE(fs::exists(dir / "pkg" / "a.bin"));
+
+  ToolResult all = RunTool("package clean " + Quote(dir / "moved") + snapshot + " --all", {}, dir / "home");
+  ASSERT_EQ(all.exit_code, 0) << all.err;
+  EXPECT_FALSE(fs::exists(dir / "moved"));
+}
+
+}  // namespace
+}  // namespace pkgdlv

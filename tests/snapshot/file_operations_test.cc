@@ -1,0 +1,125 @@
+#include "snapshot/file_operations.h"
+
+#include <gtest/gtest.h>
+
+#include "validation_test_support.h"
+
+namespace pkgdlv {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::PackageFixture;
+using testing::ReadFile;
+using testing::WriteFile;
+
+SnapshotEntry FileEntry(std::string folder, std::string name) {
+  SnapshotEntry entry;
+  entry.folder = std::move(folder);
+  entry.name = std::move(name);
+  entry.size = 1;
+  return entry;
+}
+
+TEST(FileOperationsTest, CopyAndMoveGoOnPastAMissingSource) {
+  for (bool move : {false, true}) {
+    SCOPED_TRACE(move ? "move" : "copy");
+    PackageFixture package;
+    fs::remove(package.PathOf("big.bin"));
+    fs::path target = package.dir / "elsewhere";
+    bool ok = move ? MoveFiles(package.snapshot, target) : CopyFiles(package.snapshot, target, false);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(ReadFile(target / "sub" / "small.txt"), package.small);
+    EXPECT_TRUE(fs::exists(target / "empty.dat"));
+    EXPECT_FALSE(fs::exists(target / "big.bin"));
+    EXPECT_EQ(fs::exists(package.PathOf("sub/small.txt")), !move);
+    EXPECT_FALSE(package.log.Contains("Failed to"));
+  }
+}
+
+TEST(FileOperationsTest, CopySkipsUnchangedTargetsOnlyWhenAsked) {
+  PackageFixture package;
+  fs::path target = package.dir / "copy";
+  ASSERT_TRUE(CopyFiles(package.snapshot, target, false));
+  EXPECT_EQ(ReadFile(target / "big.bin"), package.big);
+  WriteFile(package.PathOf("sub/small.txt"), std::string(100, 'n'));  // same size, time set back below
+  testing::SetFileTime(package.PathOf("sub/small.txt"), package.Entry("sub", "small.txt").lastModified);
+  ASSERT_TRUE(CopyFiles(package.snapshot, target, true));
+  EXPECT_EQ(ReadFile(target / "sub" / "small.txt"), package.small);
+  ASSERT_TRUE(CopyFiles(package.snapshot, target, false));
+  EXPECT_EQ(ReadFile(target / "sub" / "small.txt"), std::string(100, 'n'));
+}
+
+TEST(FileOperationsTest, DeletesInvalidFilesOrTheWholePackage) {
+  PackageFixture package;
+  package.Entry("", "big.bin").state = entrystate::kInvalid;
+  fs::remove(package.PathOf("empty.dat"));
+  package.Entry("", "empty.dat").state = entrystate::kInvalid;  // already gone: silent
+  EXPECT_TRUE(DeleteInvalidFiles(package.snapshot, true));
+  EXPECT_FALSE(fs::exists(package.PathOf("big.bin")));
+  EXPECT_TRUE(fs::exists(package.PathOf("sub/small.txt")));
+  EXPECT_EQ(package.log.Count("Deleting invalid file: "), 1u);
+
+  WriteFile(package.PathOf("unlisted.txt"), "kept");
+  package.snapshot.deleteInvalidOnly = 1;
+  EXPECT_EQ(DeletePackageFiles(package.snapshot), 0u);
+  EXPECT_FALSE(fs::exists(package.PathOf("sub")));  // emptied folder removed
+  EXPECT_TRUE(fs::exists(package.PathOf("unlisted.txt")));
+  package.snapshot.deleteInvalidOnly = 0;
+  EXPECT_EQ(DeletePackageFiles(package.snapshot), 0u);
+  EXPECT_FALSE(fs::exists(package.folder));
+}
+
+TEST(FileOperationsTest, MovingNothingCreatesTheNewFolderAndNoPathFails) {
+  PackageFixture package;
+  Snapshot empty(package.loaded.log);
+  empty.path = package.folder.string();
+  EXPECT_TRUE(MoveFiles(empty, package.dir / "new" / "pkg"));
+  EXPECT_TRUE(fs::is_directory(package.dir / "new" / "pkg"));
+  empty.path.clear();
+  EXPECT_FALSE(CopyFiles(empty, package.dir / "x", false));
+  EXPECT_EQ(DeletePackageFiles(empty), result::kInvalidArg);
+  EXPECT_TRUE(package.log.Contains("No path specified for snapshot"));
+}
+
+TEST(FileOperationsTest, HostileNamesNeverTouchAnythingOutside) {
+  PackageFixture package;
+  WriteFile(package.dir / "outside" / "victim.txt", "precious");
+  fs::create_directory_symlink(package.dir / "outside", package.folder / "link");
+  Snapshot& snapshot = package.snapshot;
+  snapshot.entries.push_back(FileEntry("..\\outside", "victim.txt"));
+  snapshot.entries.push_back(FileEntry("", "..\\outside\\victim.txt"));
+  snapshot.entries.push_back(FileEntry("link", "victim.txt"));
+  for (SnapshotEntry& entry : snapshot.entries) entry.state = entrystate::kInvalid;
+
+  EXPECT_FALSE(DeleteInvalidFiles(snapshot, true));
+  fs::path target = package.dir / "target";
+  EXPECT_FALSE(CopyFiles(snapshot, target, false));
+  EXPECT_FALSE(MoveFiles(snapshot, package.dir / "moved"));
+  snapshot.deleteInvalidOnly = 1;
+  snapshot.path = (package.dir / "moved").string();
+  DeletePackageFiles(snapshot);
+  UpdateUnknownFiles(snapshot);
+
+  EXPECT_EQ(ReadFile(package.dir / "outside" / "victim.txt"), "precious");
+  EXPECT_FALSE(fs::exists(target / "link"));
+  EXPECT_FALSE(fs::exists(package.dir / "target" / ".." / "outside" / "x"));
+  EXPECT_GE(package.log.Count("Unsafe path"), 3u);
+}
+
+TEST(FileOperationsTest, UpdateUnknownFilesFillsSizeTimeAndHash) {
+  PackageFixture package;
+  SnapshotEntry& small = package.Entry("sub", "small.txt");
+  std::string expectedHash = small.fileHash;
+  small.size = -1;
+  small.lastModified = 0;
+  small.fileHash.clear();
+  small.hasBlockHash = false;
+  UpdateUnknownFiles(package.snapshot);
+  EXPECT_EQ(small.size, 100);
+  EXPECT_NE(small.lastModified, 0u);
+  EXPECT_EQ(small.fileHash, expectedHash);
+  EXPECT_TRUE(package.log.Contains("UpdateUnknownFiles: hashed file: '"));
+}
+
+}  // namespace
+}  // namespace pkgdlv
