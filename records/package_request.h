@@ -43,6 +43,8 @@
 
 namespace pkgdlv {
 
+class Validator;
+
 struct AgentServices;
 namespace xml {
 class Document;
@@ -218,8 +220,11 @@ class PackageRequest {
   // statusDescription becomes the description, or the status name when the
   // description is empty, and the status is set. notify calls the notifier.
   void SetStatus(int32_t status, std::string_view description, bool notify);
-  // (CheckStatus(fullCheck, flag), which decides valid or invalid from the
-  // package's files, belongs here and comes with the file validator.)
+  // Decides valid or invalid from the package's files and sets the status
+  // with its reason (notify set); returns the status. fullCheck hashes every
+  // file (unless the server allows skipping the check); skipHash trusts size
+  // and time in the quick check. The validator belongs to the calling thread.
+  int32_t CheckStatus(bool fullCheck, bool skipHash, Validator& validator);
 
   // Whether the package's snapshot may be trusted. With log, each refusal is
   // logged at info level; a snapshot newer than the package is logged always.
