@@ -36,8 +36,14 @@ if pkgdlv snapshot --help >/dev/null 2>&1; then
   pkgdlv snapshot create "$work/package" --id "$id" --version 1 --block-size 1048576 \
     --sign-key "$work/key.pem" --out "$work/out"
   pkgdlv snapshot show "$work/out/snapshot.xml"
-  key=$(pkgdlv snapshot create "$work/package" --id "$id" --version 1 --sign-key "$work/key.pem" --out "$work/out" --print-key | tail -n 1)
+  key=$(pkgdlv snapshot create "$work/package" --id "$id" --version 1 --block-size 1048576 --sign-key "$work/key.pem" --out "$work/out" --print-key | tail -n 1)
   pkgdlv snapshot verify "$work/out/snapshot.xml" --snapdata "$work/out/snapdata.xml" --key "$key"
+
+  step "Which blocks are good: the intact folder, then one changed byte"
+  pkgdlv check "$work/package" --snapshot "$work/out/snapshot.xml"
+  printf 'X' | dd of="$work/package/bin/tool.bin" bs=1 seek=2500000 conv=notrunc status=none
+  rc=0; pkgdlv check "$work/package" --snapshot "$work/out/snapshot.xml" || rc=$?
+  echo "(exit code $rc: files need updating)"
 fi
 
 step "Done"
