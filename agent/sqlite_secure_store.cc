@@ -28,6 +28,7 @@
 
 #include "agent/openssl_helpers.h"
 #include "agent/secure_store.h"
+#include "agent/sqlite_open.h"
 #include "util/errno_result.h"
 #include "util/error.h"
 
@@ -272,16 +273,8 @@ class SqliteSecureStore final : public SecureStore {
     Throw(result::kFail, "Secure store %ls: %hs (%d)", file_, sqlite3_errmsg(db_), sqlite3_extended_errcode(db_));
   }
 
-  // Where waiting for a lock could deadlock (two processes creating the file),
-  // SQLite answers "database is locked" at once; those steps are retried.
   void ExecOrFailOpen(const char* sql) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
-    for (;;) {
-      int rc = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
-      if (rc == SQLITE_OK) return;
-      if ((rc & 0xFF) != SQLITE_BUSY || std::chrono::steady_clock::now() >= deadline) FailOpen();
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    if (ExecRetryingBusy(db_, sql, kBusyTimeoutMs) != SQLITE_OK) FailOpen();
   }
 
   [[noreturn]] void FailOpen() {

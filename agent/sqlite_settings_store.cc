@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "agent/settings_store.h"
+#include "agent/sqlite_open.h"
 #include "util/error.h"
 
 namespace pkgdlv {
@@ -212,18 +213,8 @@ class SqliteSettingsStore final : public SettingsStore {
     Throw(static_cast<Result>(sqlite3_extended_errcode(db_)), "%hs", sqlite3_errmsg(db_));
   }
 
-  // Processes that open a new file at the same time race to switch it to WAL
-  // and to create the table. Where waiting for a lock could deadlock, SQLite
-  // answers "database is locked" at once instead of calling the busy handler,
-  // so those steps are tried again here for as long as the busy timeout.
   void ExecOrFailOpen(const char* sql) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
-    for (;;) {
-      int rc = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
-      if (rc == SQLITE_OK) return;
-      if ((rc & 0xFF) != SQLITE_BUSY || std::chrono::steady_clock::now() >= deadline) FailOpen();
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    if (ExecRetryingBusy(db_, sql, kBusyTimeoutMs) != SQLITE_OK) FailOpen();
   }
 
   [[noreturn]] void FailOpen() {

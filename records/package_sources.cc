@@ -11,15 +11,8 @@ namespace pkgdlv {
 
 namespace {
 
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 bool IsEscapeAt(std::string_view text, size_t i) {
-  return i + 2 < text.size() && text[i] == '%' && HexValue(text[i + 1]) >= 0 && HexValue(text[i + 2]) >= 0;
+  return i + 2 < text.size() && text[i] == '%' && HexDigitValue(text[i + 1]) >= 0 && HexDigitValue(text[i + 2]) >= 0;
 }
 
 // Length of the well-formed UTF-8 sequence starting at bytes[i] (overlong
@@ -56,7 +49,7 @@ void AppendConverted(std::string& out, char c) { out += c == '/' ? '\\' : c; }
 void AppendEscapeRun(std::string& out, std::string_view escapedText) {
   std::string bytes;
   for (size_t i = 0; i < escapedText.size(); i += 3) {
-    bytes += static_cast<char>(HexValue(escapedText[i + 1]) * 16 + HexValue(escapedText[i + 2]));
+    bytes += static_cast<char>(HexDigitValue(escapedText[i + 1]) * 16 + HexDigitValue(escapedText[i + 2]));
   }
   for (size_t i = 0; i < bytes.size();) {
     size_t length = Utf8SequenceLength(bytes, i);

@@ -2,18 +2,9 @@
 
 #include <openssl/rand.h>
 
+#include "util/strings.h"
+
 namespace pkgdlv {
-
-namespace {
-
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-}  // namespace
 
 std::optional<Guid> Guid::Parse(std::string_view text, bool allow_bare) {
   if (text.size() == 38 && text.front() == '{' && text.back() == '}') {
@@ -29,8 +20,8 @@ std::optional<Guid> Guid::Parse(std::string_view text, bool allow_bare) {
       ++i;
       continue;
     }
-    int hi = HexValue(text[i]);
-    int lo = HexValue(text[i + 1]);
+    int hi = HexDigitValue(text[i]);
+    int lo = HexDigitValue(text[i + 1]);
     if (hi < 0 || lo < 0) return std::nullopt;
     guid.bytes_[byte++] = static_cast<uint8_t>(hi << 4 | lo);
     i += 2;

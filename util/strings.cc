@@ -82,6 +82,13 @@ std::optional<uint32_t> ParseHex32(std::string_view text) {
   return value;
 }
 
+int HexDigitValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
 bool ReadBool(std::string_view text) {
   if (EqualsNoCase(text, "true") || EqualsNoCase(text, "yes")) return true;
   auto n = ParseInt64(text);

@@ -40,6 +40,9 @@ std::optional<uint32_t> ParseHex32(std::string_view text);
 
 std::string_view TrimAscii(std::string_view s);
 
+// The value of a hexadecimal digit, or -1 for any other character.
+int HexDigitValue(char c);
+
 // Overwrites a string's characters with zeros before it is released; used for
 // plain-text secrets and decrypted working copies.
 void WipeString(std::string& s);
