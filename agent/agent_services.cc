@@ -3,9 +3,11 @@
 #include <system_error>
 
 #include "agent/agent_log.h"
+#include "agent/client_agent.h"
 #include "agent/clock.h"
 #include "agent/crypto.h"
 #include "agent/network_transport.h"
+#include "agent/peer_configuration.h"
 #include "agent/secure_store.h"
 #include "agent/settings_store.h"
 #include "util/error.h"
@@ -28,6 +30,8 @@ AgentServices AgentServices::CreateDefault(const std::filesystem::path& data_fol
   services.crypto = NewOpenSslCrypto();
   services.transports = NewCurlTransportFactory();
   services.secure_store = OpenSqliteSecureStore(data_folder / "securestore.db", data_folder / "machine.key");
+  services.client = std::make_shared<DefaultClientAgent>();
+  services.peer_configuration = NewDefaultPeerConfigurationSource();
   return services;
 }
 

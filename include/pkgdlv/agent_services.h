@@ -15,6 +15,8 @@ class Logger;
 class Crypto;
 class SecureStore;
 class NetworkTransportFactory;
+class ClientAgent;
+class PeerConfigurationSource;
 
 struct AgentServices {
   std::filesystem::path data_folder;        // the agent's data folder
@@ -24,6 +26,8 @@ struct AgentServices {
   std::shared_ptr<Crypto> crypto;           // hashing, signing, signature verification
   std::shared_ptr<SecureStore> secure_store;  // sealed values by path: block hashes ("securestore.db", "machine.key")
   std::shared_ptr<NetworkTransportFactory> transports;  // network transports (libcurl), one per user
+  std::shared_ptr<ClientAgent> client;                  // registration, download blockout, identity reset
+  std::shared_ptr<PeerConfigurationSource> peer_configuration;  // peer network configuration
 
   // The real services over a data folder (created when missing): the system
   // clock, "settings.db", the agent log in "log" and OpenSSL crypto. Throws Error when the
