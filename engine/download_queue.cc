@@ -24,15 +24,6 @@ bool GoesBefore(const QueueEntry& entry, const QueueEntry& p) {
   return entry.sizeKey < p.sizeKey;
 }
 
-// Local date and time, for the log line of a retry.
-std::string LocalTimeText(FileTime time) {
-  const time_t seconds = static_cast<time_t>(UnixSecondsFromFileTime(time));
-  tm local{};
-  if (!localtime_r(&seconds, &local)) return {};
-  return Format("%04d-%02d-%02d %02d:%02d:%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-                local.tm_hour, local.tm_min, local.tm_sec);
-}
-
 FileTime AddMilliseconds(FileTime time, int64_t milliseconds) {
   return time + static_cast<FileTime>(milliseconds) * kFileTimeTicksPerMs;
 }
@@ -205,8 +196,8 @@ bool DownloadQueue::RetryPackage(PeerConfigurationSource* peerConfig, const Guid
 
   log_->Log(loglevel::kInfo, kComponent,
             "Retry package: id=%ls delay=%d secs at=%ls causedDelay=%d earliestRetryTime=%ls\n", id.ToString(),
-            waiting.retryDelay / 1000, LocalTimeText(waiting.nextAttemptTime), causedDelay ? 1 : 0,
-            LocalTimeText(earliestTime));
+            waiting.retryDelay / 1000, FormatLocalTime(waiting.nextAttemptTime), causedDelay ? 1 : 0,
+            FormatLocalTime(earliestTime));
   return true;
 }
 

@@ -1,6 +1,7 @@
 #include "util/filetime.h"
 
 #include <chrono>
+#include <ctime>
 
 #include "util/format.h"
 
@@ -107,6 +108,14 @@ std::optional<FileTime> ParseDocumentTime(std::string_view s) {
   if (!s.empty() && s.front() == 'Z') s.remove_prefix(1);
   if (!s.empty()) return std::nullopt;
   return FromCivilUtc(c);
+}
+
+std::string FormatLocalTime(FileTime ft) {
+  const time_t seconds = static_cast<time_t>(UnixSecondsFromFileTime(ft));
+  tm local{};
+  if (!localtime_r(&seconds, &local)) return {};
+  return Format("%04d-%02d-%02d %02d:%02d:%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+                local.tm_hour, local.tm_min, local.tm_sec);
 }
 
 std::string FormatDuration(uint64_t ms) {

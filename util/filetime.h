@@ -43,6 +43,10 @@ std::string FormatDocumentTime(FileTime ft, DateForm form);
 // ignored); nullopt for anything else or an impossible date.
 std::optional<FileTime> ParseDocumentTime(std::string_view text);
 
+// Local date and time "%04d-%02d-%02d %02d:%02d:%02d", for log lines;
+// empty when the time cannot be converted.
+std::string FormatLocalTime(FileTime ft);
+
 // A delay for log lines: "45 seconds", "3 minutes", "1 hour 5 minutes",
 // "2 days 3 hours".
 std::string FormatDuration(uint64_t milliseconds);

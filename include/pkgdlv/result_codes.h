@@ -32,6 +32,7 @@ constexpr Result kOk = 0x00000000;
 constexpr Result kFalse = 0x00000001;
 constexpr Result kAborted = 0x80004004;          // agent stopping or downloads suspended
 constexpr Result kFail = 0x80004005;             // general failure
+constexpr Result kInvalidPointer = 0x80004003;   // a missing agent object
 constexpr Result kInvalidArg = 0x80070057;
 constexpr Result kFileNotFound = 0x80070002;
 constexpr Result kPathNotFound = 0x80070003;
@@ -66,6 +67,7 @@ constexpr Result kDownloadFailed = 0x800C0008;     // connection reset, truncate
 constexpr Result kInvalidProtocol = 0x800C000D;    // scheme other than http, https, file, smb
 constexpr Result kRedirectFailed = 0x800C0014;     // too many redirects
 constexpr Result kSecureChannelFailed = 0x800C0019;  // TLS handshake or certificate failure
+constexpr Result kNullPointer = 0x80004003;        // a missing interface or service
 }  // namespace result
 
 }  // namespace pkgdlv

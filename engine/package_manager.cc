@@ -1,0 +1,267 @@
+#include "engine/package_manager.h"
+
+#include <limits>
+
+#include "agent/client_agent.h"
+#include "agent/clock.h"
+#include "agent/logger.h"
+#include "agent/settings_store.h"
+#include "records/package_request.h"
+#include "snapshot/snapshot_file.h"
+#include "snapshot/validation.h"
+#include "util/error.h"
+
+namespace pkgdlv {
+
+namespace {
+
+constexpr std::string_view kComponent = "PackageManager";
+constexpr uint32_t kStateChangeBits = 0xF;
+
+// The total of the files' sizes as a queue size key: 0 when a size is unknown
+// (negative) or the sum does not fit.
+int64_t TotalFileSize(const Snapshot& files) {
+  int64_t total = 0;
+  for (const SnapshotEntry& entry : files.entries) {
+    if (!entry.IsFile()) continue;
+    if (entry.size < 0 || entry.size > std::numeric_limits<int64_t>::max() - total) return 0;
+    total += entry.size;
+  }
+  return total;
+}
+
+size_t FileCount(const Snapshot& snapshot) {
+  size_t count = 0;
+  for (const SnapshotEntry& entry : snapshot.entries) count += entry.IsFile() ? 1 : 0;
+  return count;
+}
+
+int64_t SizeKey(uint64_t size) {
+  return size > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) ? 0 : static_cast<int64_t>(size);
+}
+
+}  // namespace
+
+PackageManager::PackageManager(const AgentServices& services, std::filesystem::path workFolder,
+                               std::shared_ptr<PackageDownloader> downloader, std::shared_ptr<PeerDirectory> peers)
+    : services_(services),
+      settings_(*services.settings, *services.log),
+      downloader_(std::move(downloader)),
+      peers_(peers ? std::move(peers) : std::make_shared<IdlePeerDirectory>()),
+      client_(services.client),
+      queue_(services.clock, services.log, settings_),
+      store_(services, std::move(workFolder)) {
+  if (!downloader_) Throw(result::kInvalidArg, "The engine needs a package downloader");
+}
+
+PackageManager::~PackageManager() { Stop(); }
+
+void PackageManager::Start() {
+  if (thread_.joinable()) return;
+  ResumeDownloads();
+  thread_ = std::thread([this] { Run(); });
+}
+
+void PackageManager::Stop() {
+  {
+    // The running download is suspended, not failed: it stays pending in its
+    // document and resumes at the next start.
+    RecursiveLock lock(queueLock_);
+    if (transfer_) transfer_->Interrupt(kInterruptSuspended);
+    stop_.Set();
+  }
+  if (thread_.joinable()) thread_.join();
+}
+
+ClientAgent& PackageManager::client() {
+  if (!client_) Throw(result::kInvalidPointer, "Invalid pointer");
+  return *client_;
+}
+
+// ---- The run loop ----
+
+void PackageManager::Run() {
+  Logger& log = *services_.log;
+  if (stop_.IsSet()) {
+    log.Log(loglevel::kWarning, kComponent, "Agent is stopping, Package Manager run cycle will exit.");
+    return;
+  }
+  if (!client_) log.Log(loglevel::kError, kComponent, "Notification Manager object could not be loaded");
+  maxDecryptFailures_ = settings_.MaxDecryptFailures();
+  decryptFailures_ = 0;
+
+  while (!stop_.IsSet()) {
+    try {
+      std::shared_ptr<PackageRequest> request = WaitForReadyPackage();
+      if (stop_.IsSet()) break;
+      if (request) PerformDownload(request);
+      ProcessResumeQueue();
+    } catch (...) {
+      Failure failure = CurrentFailure();
+      log.Log(loglevel::kWarning, kComponent, "Error in Run (), flushing package queue: %ls (0x%08X)",
+              failure.description, failure.code);
+      {
+        RecursiveLock lock(queueLock_);
+        queue_.Clear();
+      }
+      services_.clock->WaitFor(stop_, kRunFailurePauseMs);
+    }
+  }
+}
+
+std::shared_ptr<PackageRequest> PackageManager::WaitForReadyPackage() {
+  Logger& log = *services_.log;
+  const bool registered = client().IsRegistered();
+  if (!registered) log.Log(loglevel::kInfo, kComponent, "Client is not registered. Package download is suspended.");
+  const bool blocked = client().IsDownloadBlocked();
+  const bool allowed = registered && !blocked;
+
+  uint32_t timeout = Event::kInfinite;
+  if (allowed) {
+    RecursiveLock lock(queueLock_);
+    queue_.PromoteDueEntries();
+    timeout = queue_.GetWaitTimeout();
+  }
+  if (timeout != 0) {
+    {
+      std::lock_guard resume(resumeLock_);
+      if (!resumeQueue_.empty()) return nullptr;
+    }
+    // Not under the resume lock: ResumeDownloads on another thread takes it
+    // and then sets the wake event, which ends this wait.
+    services_.clock->WaitAny({&stop_, &wake_}, timeout);
+  }
+  if (!allowed || stop_.IsSet()) return nullptr;
+
+  RecursiveLock lock(queueLock_);
+  queue_.PromoteDueEntries();
+  if (!queue_.HasReadyFront()) return nullptr;
+  const Guid id = queue_.Front();
+  std::shared_ptr<PackageRequest> request = store_.Find(id);
+  if (!request) {
+    queue_.Remove(id);
+    log.Log(loglevel::kError, kComponent, "PackageRequest has been deleted during download");
+    peers_->DropPackage(id);
+    return nullptr;
+  }
+  RefreshBlocks(*request, false,
+                "WaitForReadyPackage: could not refresh blocks for package: %ls. The status will not be propagated "
+                "in the DHT network.");
+  request->SetStatus(PKGDLV_DOWNLOADING, "", true);
+  Save(*request);
+  return request;
+}
+
+void PackageManager::RefreshBlocks(PackageRequest& request, bool final, std::string_view failureMessage) {
+  try {
+    peers_->RefreshPackageBlocks(request, final);
+  } catch (...) {
+    Failure failure = CurrentFailure();
+    services_.log->Log(loglevel::kWarning, kComponent, "%ls: %ls (0x%08X)",
+                       Format(failureMessage, request.id().ToString()), failure.description, failure.code);
+  }
+}
+
+void PackageManager::Save(PackageRequest& request) { store_.Save(request); }
+
+// ---- Requests from other threads ----
+
+void PackageManager::QueuePackage(const std::shared_ptr<PackageRequest>& request, bool restart) {
+  Logger& log = *services_.log;
+  if (stop_.IsSet()) {
+    log.Log(loglevel::kInfo, kComponent, "Download Package skipped due to Agent stop.");
+    return;
+  }
+  RecursiveLock lock(queueLock_);
+  auto recordLock = request->Lock();
+  const Guid id = request->id();
+  const int32_t oldStatus = request->status();
+
+  if (request->urgentDownload) {
+    if (oldStatus == PKGDLV_VALID || request->SLAStartTime == 0) request->InitUrgentSla();
+    log.Log(loglevel::kTrace, kPackageDownloadLogComponent,
+            "Download Urgent package. Status: %d, SLA timeout: %d, SLA start=%ls", oldStatus,
+            request->downloadStartSLA, FormatLocalTime(request->SLAStartTime));
+  }
+  if (!restart && queue_.Contains(id)) return;
+  store_.Adopt(request);
+  if (restart) {
+    if (queue_.Front() == id) InterruptDownload(kInterruptPreempted);
+    ReloadSnapshotFromPath(request->snapshot());
+  }
+
+  std::filesystem::path folder = request->packageFolder();
+  if (folder.empty()) {
+    folder = store_.FolderOf(id);
+    request->snapshot().path = folder.string();
+  }
+  std::error_code ec;
+  std::filesystem::create_directories(folder, ec);
+  if (ec) log.Log(loglevel::kWarning, kComponent, "Failed to create package storage folder: %ls", folder.string());
+  const bool frontBefore = queue_.Front() == id;
+
+  const int32_t newStatus = PlaceInQueue(*request);
+  if (frontBefore || queue_.Front() == id) InterruptDownload(kInterruptPreempted);
+  if (newStatus != oldStatus) Save(*request);
+}
+
+int32_t PackageManager::PlaceInQueue(PackageRequest& request) {
+  const Guid id = request.id();
+  const auto queuedStatus = [&] { return queue_.IsRetryPending(id) ? PKGDLV_RETRYING : PKGDLV_PENDING; };
+
+  if (!request.IsSnapshotValid(false)) {
+    queue_.SetPriority(id, request.priority, SizeKey(request.GetSize()));
+    RefreshBlocks(request, true, "QueuePackage: could not refresh blocks for package: %ls");
+    request.SetStatus(queuedStatus(), "", true);
+    return request.status();
+  }
+
+  Snapshot updateList;
+  Validator validator;
+  UpdateListOptions options;
+  options.skipHash = request.clientDownloadsDisabled;
+  validator.GetUpdateList(request.snapshot(), updateList, nullptr, options);
+  const size_t toUpdate = FileCount(updateList);
+  if (toUpdate == 0) {
+    const bool changed = request.status() != PKGDLV_VALID;
+    request.SetStatus(PKGDLV_VALID, "", true);
+    if (changed && peers_->State() == PeerDirectory::kRunningState && request.IsLocallyManaged()) {
+      peers_->Republish(id);
+    }
+    return request.status();
+  }
+  queue_.SetPriority(id, request.priority, TotalFileSize(updateList));
+  request.SetStatus(queuedStatus(), "", true);
+  // Only part of the package is missing: it is brought into the store.
+  if (toUpdate != FileCount(request.snapshot())) request.remote = false;
+  return request.status();
+}
+
+void PackageManager::InterruptDownload(int reason) {
+  RecursiveLock lock(queueLock_);
+  if (transfer_) transfer_->Interrupt(reason);
+  wake_.Set();
+}
+
+void PackageManager::RetryDownloadsIfNeeded() {
+  RecursiveLock lock(queueLock_);
+  if (queue_.ReleaseRetryWaits()) wake_.Set();
+}
+
+void PackageManager::OnNetworkStateChanged(uint32_t state) {
+  if ((state & kStateChangeBits) == 0) return;
+  lastNetworkChange_ = services_.clock->Now();
+  services_.log->Log(loglevel::kInfo, kComponent, "Network state changed to 0x%08X, retry downloads if needed", state);
+  RetryDownloadsIfNeeded();
+}
+
+void PackageManager::OnServerStateChanged(uint32_t state) {
+  services_.log->Log(loglevel::kTrace, kComponent, "Server state changed to 0x%08X, checking multicast state.",
+                     state);
+  if ((state & kStateChangeBits) == 0) return;
+  services_.log->Log(loglevel::kInfo, kComponent, "QS server state changed to 0x%08X, retry downloads if needed",
+                     state);
+  RetryDownloadsIfNeeded();
+}
+
+}  // namespace pkgdlv

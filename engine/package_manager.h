@@ -1,0 +1,148 @@
+// The engine: one thread, the "Package Delivery Thread", that downloads one
+// package at a time in the order of the DownloadQueue, puts failed packages
+// back with a retry time, lets a more urgent request preempt the running one,
+// and resumes the unfinished packages of the work folder when it starts.
+//
+// What one download attempt does is the PackageDownloader's business; the
+// engine turns its outcome into the package's next status and the queue's
+// next step, and saves "package.xml" each time.
+//
+// Threads: Start and Stop from the owner's thread. QueuePackage,
+// InterruptDownload, ResumeDownloads, RetryDownloadsIfNeeded and the state
+// handlers from any thread. Run, WaitForReadyPackage, PerformDownload and
+// ProcessResumeQueue run on the engine thread (tests may call them directly
+// while no thread runs). Locks nest: the resume lock, then the queue lock,
+// then the DownloadQueue's own lock, then a package record's lock; the queue
+// lock is never held while the resume lock is taken, nor while the thread
+// waits.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include <pkgdlv/agent_services.h>
+
+#include "engine/download_queue.h"
+#include "engine/package_downloader.h"
+#include "engine/package_store.h"
+#include "engine/peer_directory.h"
+#include "engine/transfer_control.h"
+#include "records/delivery_settings.h"
+#include "util/event.h"
+
+namespace pkgdlv {
+
+class ClientAgent;
+class PackageRequest;
+
+class PackageManager {
+ public:
+  // At most this many packages are resumed per ProcessResumeQueue, so that a
+  // large work folder does not delay the first download.
+  static constexpr size_t kResumeBatchSize = 250;
+  // After a failure of the run loop the thread pauses this long (stop
+  // excepted), so that a failure that repeats at once cannot spin it.
+  static constexpr uint32_t kRunFailurePauseMs = 1000;
+
+  // services must outlive the engine (its clock, settings, log, client and
+  // peer configuration are used); null peers means no peer directory runs.
+  PackageManager(const AgentServices& services, std::filesystem::path workFolder,
+                 std::shared_ptr<PackageDownloader> downloader, std::shared_ptr<PeerDirectory> peers = nullptr);
+  ~PackageManager();  // Stop()
+  PackageManager(const PackageManager&) = delete;
+  PackageManager& operator=(const PackageManager&) = delete;
+
+  // Resumes the first batch of the work folder's packages, then starts the
+  // thread. Does nothing when the thread runs already.
+  void Start();
+  // Sets the stop event, interrupts the running transfer and joins the
+  // thread. Every wait and attempt of the engine ends at the stop event.
+  void Stop();
+  bool IsRunning() const { return thread_.joinable(); }
+
+  // Places a request in the queue, or finds that its files are complete. With
+  // restart, a running download of the package is interrupted and its
+  // snapshot reloaded from its file first. The store learns the record.
+  void QueuePackage(const std::shared_ptr<PackageRequest>& request, bool restart);
+  // Hands the running transfer the reason (see InterruptionReason) and wakes
+  // the thread.
+  void InterruptDownload(int reason);
+  // Fills the resume queue from the work folder and resumes its first batch.
+  void ResumeDownloads();
+  // Resumes up to kResumeBatchSize packages of the resume queue.
+  void ProcessResumeQueue();
+  // Releases every waiting package at once (a network or server change).
+  void RetryDownloadsIfNeeded();
+  // Events of the agent: a bit set; any of the lowest four bits means a
+  // change worth retrying for.
+  void OnNetworkStateChanged(uint32_t state);
+  void OnServerStateChanged(uint32_t state);
+  // When the network last changed (0: not since the engine was made).
+  FileTime LastNetworkChangeTime() const { return lastNetworkChange_.load(); }
+
+  // ---- The engine thread's steps ----
+  void Run();
+  // The request to download next, or null (nothing ready, stopping, or the
+  // package vanished). Waits, outside every lock, for the wake event, the
+  // stop event or the earliest retry time.
+  std::shared_ptr<PackageRequest> WaitForReadyPackage();
+  // One attempt and its outcome: the status, the queue's next step, the
+  // decrypt failure count and "package.xml".
+  void PerformDownload(const std::shared_ptr<PackageRequest>& request);
+
+  // ---- For the delivery object and tests ----
+  PackageStore& store() { return store_; }
+  DeliverySettings& settings() { return settings_; }
+  // Hold queueLock() around several queue operations that must be seen
+  // together.
+  DownloadQueue& queue() { return queue_; }
+  std::recursive_mutex& queueLock() { return queueLock_; }
+  Event& stopEvent() { return stop_; }
+  size_t ResumeQueueSize() const;
+  uint32_t DecryptFailureCount() const { return decryptFailures_.load(); }
+
+ private:
+  using RecursiveLock = std::lock_guard<std::recursive_mutex>;
+
+  ClientAgent& client();
+  void ApplyOutcome(PackageRequest& request, const AttemptOutcome& outcome, const TransferControl& transfer);
+  void ApplyFailure(PackageRequest& request, const AttemptOutcome& outcome, const TransferControl& transfer);
+  void ApplySuccess(PackageRequest& request);
+  void CountDecryptFailure(const AttemptOutcome& outcome);
+  void ResetIdentityAfterDecryptFailures();
+  // The quick check of the package's files for the peer directory; a failure
+  // is logged with failureMessage and does not stop the caller.
+  void RefreshBlocks(PackageRequest& request, bool final, std::string_view failureMessage);
+  // Queue placement of QueuePackage's steps 6 and 7; returns the new status.
+  int32_t PlaceInQueue(PackageRequest& request);
+  void Save(PackageRequest& request);
+
+  const AgentServices& services_;
+  DeliverySettings settings_;
+  std::shared_ptr<PackageDownloader> downloader_;
+  std::shared_ptr<PeerDirectory> peers_;
+  std::shared_ptr<ClientAgent> client_;  // null: every query fails with 0x80004003
+
+  Event stop_{Event::Reset::kManual};
+  Event wake_{Event::Reset::kAuto};
+
+  std::recursive_mutex queueLock_;  // the queue, transfer_ and QueuePackage's status changes
+  DownloadQueue queue_;
+  TransferControl* transfer_ = nullptr;  // the running attempt's, under queueLock_
+
+  mutable std::recursive_mutex resumeLock_;  // the resume queue; ResumeDownloads holds it around ProcessResumeQueue
+  std::deque<Guid> resumeQueue_;
+
+  PackageStore store_;
+  std::atomic<uint32_t> decryptFailures_ = 0;
+  uint32_t maxDecryptFailures_ = 0;
+  std::atomic<FileTime> lastNetworkChange_ = 0;
+  std::thread thread_;
+};
+
+}  // namespace pkgdlv

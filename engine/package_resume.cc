@@ -1,0 +1,57 @@
+// Resuming the unfinished packages of the work folder when the engine starts,
+// in batches, so that the first download does not wait for a large store.
+#include "agent/logger.h"
+#include "engine/package_manager.h"
+#include "records/package_request.h"
+
+namespace pkgdlv {
+
+namespace {
+constexpr std::string_view kComponent = "PackageManager";
+
+bool IsUnfinished(int32_t status) {
+  return status == PKGDLV_DOWNLOADING || status == PKGDLV_PENDING || status == PKGDLV_RETRYING;
+}
+}  // namespace
+
+void PackageManager::ResumeDownloads() {
+  std::lock_guard resume(resumeLock_);
+  resumeQueue_.clear();
+  for (const Guid& id : store_.ListPackageIds(&stop_)) resumeQueue_.push_back(id);
+  if (resumeQueue_.empty()) return;
+  ProcessResumeQueue();
+  // The run loop processes the rest between downloads.
+  if (!resumeQueue_.empty()) wake_.Set();
+}
+
+void PackageManager::ProcessResumeQueue() {
+  if (stop_.IsSet()) return;
+  Logger& log = *services_.log;
+  std::lock_guard resume(resumeLock_);
+  if (resumeQueue_.empty()) return;
+  size_t processed = 0;
+  while (!resumeQueue_.empty() && processed < kResumeBatchSize) {
+    if (stop_.IsSet()) return;
+    const Guid id = resumeQueue_.front();
+    std::shared_ptr<PackageRequest> request = store_.Find(id);
+    if (request && IsUnfinished(request->status())) {
+      log.Log(loglevel::kInfo, kComponent, "ResumeDownloads: resume package %ls", id.ToString());
+      QueuePackage(request, false);
+    }
+    resumeQueue_.pop_front();
+    ++processed;
+  }
+  if (resumeQueue_.empty()) {
+    log.Log(loglevel::kInfo, kComponent, "All packages are resumed and loaded.");
+  } else {
+    log.Log(loglevel::kInfo, kComponent, "ProcessResumeQueue: processed %d packages (Remaining: %d).",
+            static_cast<int>(processed), static_cast<int>(resumeQueue_.size()));
+  }
+}
+
+size_t PackageManager::ResumeQueueSize() const {
+  std::lock_guard resume(resumeLock_);
+  return resumeQueue_.size();
+}
+
+}  // namespace pkgdlv

@@ -1,0 +1,359 @@
+#include "engine/package_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "agent/crypto.h"
+#include "records/package_request.h"
+#include "support/fake_clock.h"
+#include "support/fake_peer_configuration.h"
+#include "support/memory_settings_store.h"
+#include "support/recording_logger.h"
+#include "support/scripted_downloader.h"
+#include "support/temp_dir.h"
+
+namespace pkgdlv {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::FakeClientAgent;
+using testing::FakeClock;
+using testing::MemorySettingsStore;
+using testing::RecordingLogger;
+using testing::ScriptedDownloader;
+using testing::ScriptedStep;
+using testing::TempDir;
+
+constexpr uint64_t kMinuteMs = 60'000;
+using StatusText = std::pair<int32_t, std::string>;
+
+Guid IdOf(int n) { return *Guid::Parse(Format("{00000000-0000-0000-0000-%012d}", n)); }
+
+std::string PackageDocument(const Guid& id, std::string_view status, int priority, uint64_t size) {
+  return Format("<Package id=\"%ls\" name=\"p\" size=\"%I64u\" version=\"1\" priority=\"%d\" status=\"%ls\"><Source/></Package>",
+                id.ToString(), size, priority, std::string(status));
+}
+
+ScriptedStep Failure(Result code = 0x80004005, std::string description = "Server unreachable") {
+  ScriptedStep step;
+  step.outcome.code = code;
+  step.outcome.description = std::move(description);
+  return step;
+}
+
+class PackageManagerTest : public ::testing::Test {
+ protected:
+  PackageManagerTest() {
+    services_.data_folder = dir_.path();
+    services_.clock = clock_;
+    services_.settings = store_;
+    services_.log = log_;
+    services_.crypto = NewOpenSslCrypto();
+    services_.client = client_;
+    services_.peer_configuration = std::make_shared<testing::FakePeerConfigurationSource>();
+  }
+  ~PackageManagerTest() override {
+    if (engine_) engine_->Stop();
+  }
+
+  PackageManager& Engine() {
+    if (!engine_) engine_ = std::make_unique<PackageManager>(services_, WorkFolder(), downloader_);
+    return *engine_;
+  }
+  std::filesystem::path WorkFolder() const { return dir_ / "work"; }
+  void SetSetting(std::string_view name, uint32_t value) {
+    store_->Set(kDeliverySettingsKey, name, SettingValue::Number(value));
+  }
+  void WritePackage(const Guid& id, std::string_view status, int priority = 0, uint64_t size = 0) {
+    std::filesystem::create_directories(WorkFolder() / id.ToString());
+    testing::WriteFile(WorkFolder() / id.ToString() / "package.xml", PackageDocument(id, status, priority, size));
+  }
+  std::shared_ptr<PackageRequest> Queue(const Guid& id, int priority = 0, uint64_t size = 0) {
+    auto request = std::make_shared<PackageRequest>(services_);
+    EXPECT_TRUE(request->LoadFromXml(PackageDocument(id, "invalid", priority, size)));
+    Engine().QueuePackage(request, false);
+    return request;
+  }
+  // The status and description "package.xml" holds now (the description as
+  // written: a load replaces it when the status differs from a new record's).
+  StatusText OnDisk(const Guid& id) {
+    const std::filesystem::path path = WorkFolder() / id.ToString() / "package.xml";
+    PackageRequest saved(services_);
+    if (!saved.Load(path)) return {-1, ""};
+    const std::string text = testing::ReadFile(path);
+    const std::string marker = "statusDescription=\"";
+    const size_t start = text.find(marker) + marker.size();
+    return {saved.status(), text.substr(start, text.find('"', start) - start)};
+  }
+  std::vector<Guid> AttemptIds() {
+    std::vector<Guid> ids;
+    for (const testing::Attempt& attempt : downloader_->Attempts()) ids.push_back(attempt.id);
+    return ids;
+  }
+  // Waits for the engine thread to sleep on a retry time and returns how long
+  // it sleeps, in minutes of the fake clock.
+  uint64_t AwaitRetryWaitMinutes() {
+    EXPECT_TRUE(clock_->AwaitTimedWaiters(1));
+    return (clock_->EarliestDeadline() - clock_->TickCount()) / kMinuteMs;
+  }
+  bool AwaitLog(std::string_view text) {
+    for (int i = 0; i < 1000; ++i) {
+      if (log_->Contains(text)) return true;
+      std::this_thread::sleep_for(10ms);
+    }
+    return false;
+  }
+
+  TempDir dir_;
+  std::shared_ptr<FakeClock> clock_ = std::make_shared<FakeClock>();
+  std::shared_ptr<MemorySettingsStore> store_ = std::make_shared<MemorySettingsStore>();
+  std::shared_ptr<RecordingLogger> log_ = std::make_shared<RecordingLogger>();
+  std::shared_ptr<FakeClientAgent> client_ = std::make_shared<FakeClientAgent>();
+  std::shared_ptr<ScriptedDownloader> downloader_ = std::make_shared<ScriptedDownloader>(clock_);
+  AgentServices services_;
+  std::unique_ptr<PackageManager> engine_;
+};
+
+// ---- Order and preemption, through the running thread ----
+
+TEST_F(PackageManagerTest, EqualPrioritiesGoSmallerFirstThenFirstComeAndHigherPriorityFirstOfAll) {
+  Queue(IdOf(1), 0, 300);
+  Queue(IdOf(2), 0, 100);
+  Queue(IdOf(3), 0, 100);
+  Queue(IdOf(4), 10, 900);
+  Engine().Start();
+  ASSERT_TRUE(downloader_->AwaitAttempts(4));
+  EXPECT_EQ(AttemptIds(), (std::vector<Guid>{IdOf(4), IdOf(2), IdOf(3), IdOf(1)}));
+  engine_->Stop();
+  for (int n = 1; n <= 4; ++n) EXPECT_EQ(OnDisk(IdOf(n)).first, PKGDLV_VALID) << n;
+  EXPECT_EQ(engine_->queue().Size(), 0u);
+}
+
+TEST_F(PackageManagerTest, HigherPriorityRequestPreemptsTheRunningDownloadWhichResumesAfterIt) {
+  ScriptedStep hold;
+  hold.holdUntilInterrupted = true;
+  downloader_->Script(IdOf(1), {hold});
+  Queue(IdOf(1), 0, 100);
+  Engine().Start();
+  ASSERT_TRUE(downloader_->AwaitAttempts(1));
+  EXPECT_EQ(OnDisk(IdOf(1)).first, PKGDLV_DOWNLOADING);
+
+  Queue(IdOf(2), 10, 5000);
+  ASSERT_TRUE(downloader_->AwaitAttempts(3));
+  EXPECT_EQ(AttemptIds(), (std::vector<Guid>{IdOf(1), IdOf(2), IdOf(1)}));
+  EXPECT_TRUE(log_->Contains(Format("Package '%ls' was preempted by higher priority package '%ls'",
+                                    IdOf(1).ToString(), IdOf(2).ToString())));
+  engine_->Stop();
+  EXPECT_EQ(OnDisk(IdOf(1)).first, PKGDLV_VALID);
+  EXPECT_EQ(OnDisk(IdOf(2)).first, PKGDLV_VALID);
+}
+
+// ---- Retry and back-off ----
+
+TEST_F(PackageManagerTest, BackOffDoublesToTheMaximumRestartsAfterProgressAndAfterANetworkChange) {
+  SetSetting("Retry delay (mins)", 3);
+  SetSetting("Maximum retry delay (mins)", 120);
+  downloader_->SetDefault(Failure());
+  Queue(IdOf(1));
+  Engine().Start();
+
+  ScriptedStep progress = Failure();
+  progress.outcome.progressMade = true;
+  std::vector<uint64_t> waits;
+  for (int i = 0; i < 8; ++i) {
+    ASSERT_TRUE(downloader_->AwaitAttempts(i + 1));
+    waits.push_back(AwaitRetryWaitMinutes());
+    EXPECT_EQ(OnDisk(IdOf(1)), StatusText(PKGDLV_RETRYING, std::string("Server unreachable")));
+    if (i == 7) downloader_->Script(IdOf(1), {progress});
+    clock_->Advance(waits.back() * kMinuteMs);
+  }
+  EXPECT_EQ(waits, (std::vector<uint64_t>{3, 6, 12, 24, 48, 96, 120, 120}));
+
+  ASSERT_TRUE(downloader_->AwaitAttempts(9));
+  EXPECT_EQ(AwaitRetryWaitMinutes(), 3u);
+  clock_->Advance(3 * kMinuteMs);
+  ASSERT_TRUE(downloader_->AwaitAttempts(10));
+  EXPECT_EQ(AwaitRetryWaitMinutes(), 6u);
+
+  // A network change releases the package at once and forgets its delay.
+  const FileTime before = clock_->Now();
+  engine_->OnNetworkStateChanged(0x1);
+  ASSERT_TRUE(downloader_->AwaitAttempts(11));
+  EXPECT_EQ(downloader_->Attempts().back().time, before);
+  EXPECT_EQ(AwaitRetryWaitMinutes(), 3u);
+  EXPECT_EQ(engine_->LastNetworkChangeTime(), before);
+}
+
+TEST_F(PackageManagerTest, AttemptLimitGivesThePackageUpAsInvalid) {
+  SetSetting("Maximum download attempts", 5);
+  downloader_->SetDefault(Failure(0x80004005, "No server answered"));
+  Queue(IdOf(1));
+  Engine().Start();
+  for (int i = 1; i < 5; ++i) {
+    ASSERT_TRUE(downloader_->AwaitAttempts(i));
+    clock_->Advance(AwaitRetryWaitMinutes() * kMinuteMs);
+  }
+  ASSERT_TRUE(downloader_->AwaitAttempts(5));
+  engine_->Stop();
+  EXPECT_EQ(OnDisk(IdOf(1)), StatusText(PKGDLV_INVALID, std::string("No server answered")));
+  EXPECT_FALSE(engine_->queue().Contains(IdOf(1)));
+  EXPECT_EQ(downloader_->Attempts().size(), 5u);
+}
+
+// ---- The end of one attempt, without the thread ----
+
+struct EndCase {
+  const char* name;
+  int interruption;  // handed to the running transfer during the attempt
+  bool noRetry;
+  int32_t status;
+  const char* description;
+  bool staysQueued;
+};
+
+void PrintTo(const EndCase& c, std::ostream* os) { *os << c.name; }
+
+class AttemptEndTest : public PackageManagerTest, public ::testing::WithParamInterface<EndCase> {};
+
+TEST_P(AttemptEndTest, OutcomeSetsStatusAndQueue) {
+  const EndCase& c = GetParam();
+  ScriptedStep step = Failure(0x80004005, "Transfer failed");
+  step.holdUntilInterrupted = c.interruption != 0;
+  step.outcome.noRetry = c.noRetry;
+  downloader_->Script(IdOf(1), {step});
+  if (c.interruption != 0) downloader_->OnAttempt([&](const Guid&) { Engine().InterruptDownload(c.interruption); });
+  Queue(IdOf(1));
+
+  std::shared_ptr<PackageRequest> request = Engine().WaitForReadyPackage();
+  ASSERT_TRUE(request);
+  Engine().PerformDownload(request);
+  EXPECT_EQ(OnDisk(IdOf(1)), StatusText(c.status, std::string(c.description)));
+  EXPECT_EQ(Engine().queue().Contains(IdOf(1)), c.staysQueued);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Reasons, AttemptEndTest,
+    ::testing::Values(
+        EndCase{"Preempted", 1, false, PKGDLV_PENDING, "Package download waiting for completion of higher priority job",
+                true},
+        EndCase{"Cancelled", 2, false, PKGDLV_INVALID, "Package download cancelled", false},
+        EndCase{"Suspended", 3, false, PKGDLV_PENDING, "Package download suspended", true},
+        EndCase{"Retried", 0, false, PKGDLV_RETRYING, "Transfer failed", true},
+        EndCase{"NotToBeRetried", 0, true, PKGDLV_INVALID, "Transfer failed", false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(PackageManagerTest, DecryptFailuresInARowResetTheClientIdentity) {
+  SetSetting("Maximum decrypt failures", 3);
+  ScriptedStep decrypt = Failure(0x80090005, "Unable to decrypt the GetPackageInfo response");
+  ScriptedStep sourcesThenFailure = Failure();
+  sourcesThenFailure.outcome.sourcesObtained = true;
+  downloader_->Script(IdOf(1), {decrypt, sourcesThenFailure, decrypt, decrypt, decrypt});
+  Queue(IdOf(1));
+  Engine().Start();
+
+  const std::vector<uint32_t> countAfter{1, 0, 1, 2, 0};
+  for (size_t i = 0; i < countAfter.size(); ++i) {
+    ASSERT_TRUE(downloader_->AwaitAttempts(i + 1));
+    clock_->AwaitTimedWaiters(1);
+    EXPECT_EQ(engine_->DecryptFailureCount(), countAfter[i]) << i;
+    engine_->OnNetworkStateChanged(0x2);
+  }
+  EXPECT_EQ(client_->resets.load(), 1);
+  EXPECT_EQ(log_->Count("decrypt failure in a row of maximum allowed 3."), 4u);
+  EXPECT_TRUE(log_->Contains("Decrypting errors are reached the allowed maximum (3)."));
+}
+
+// ---- Resume and robustness ----
+
+TEST_F(PackageManagerTest, ResumeRunsInBatchesAndTheFirstDownloadDoesNotWaitForAllOfThem) {
+  for (int n = 1; n <= 600; ++n) WritePackage(IdOf(n), n % 2 ? "pending" : "retrying");
+  std::vector<size_t> leftAtAttempt;
+  downloader_->OnAttempt([&](const Guid&) { leftAtAttempt.push_back(engine_->ResumeQueueSize()); });
+  Engine().Start();
+  ASSERT_TRUE(downloader_->AwaitAttempts(3));
+  engine_->Stop();
+  EXPECT_EQ(std::vector<size_t>(leftAtAttempt.begin(), leftAtAttempt.begin() + 3), (std::vector<size_t>{350, 100, 0}));
+  EXPECT_TRUE(log_->Contains("ProcessResumeQueue: processed 250 packages (Remaining: 350)."));
+  EXPECT_TRUE(log_->Contains("ProcessResumeQueue: processed 250 packages (Remaining: 100)."));
+  EXPECT_TRUE(log_->Contains("All packages are resumed and loaded."));
+  EXPECT_EQ(log_->Count("ResumeDownloads: resume package "), 600u);
+}
+
+TEST_F(PackageManagerTest, DamagedVanishedAndStrayFoldersNeverStopTheEngine) {
+  WritePackage(IdOf(1), "pending");
+  std::filesystem::create_directories(WorkFolder() / IdOf(2).ToString());
+  testing::WriteFile(WorkFolder() / IdOf(2).ToString() / "package.xml", "<Package id=");
+  std::filesystem::create_directories(WorkFolder() / "not-a-guid");
+  testing::WriteFile(WorkFolder() / "not-a-guid" / "package.xml", PackageDocument(IdOf(3), "pending", 0, 0));
+  std::filesystem::create_directories(WorkFolder() / IdOf(4).ToString());  // no document
+  WritePackage(IdOf(5), "valid");
+  WritePackage(IdOf(6), "pending", 0, 10);  // vanishes while queued
+  WritePackage(IdOf(7), "pending", 0, 20);
+
+  Engine().ResumeDownloads();
+  std::filesystem::remove_all(WorkFolder() / IdOf(6).ToString());
+  Engine().Start();
+  ASSERT_TRUE(downloader_->AwaitAttempts(2));
+  ASSERT_TRUE(AwaitLog("PackageRequest has been deleted during download"));
+  engine_->Stop();
+  EXPECT_EQ(AttemptIds(), (std::vector<Guid>{IdOf(1), IdOf(7)}));
+  EXPECT_FALSE(log_->Contains("Error in Run ()"));
+  EXPECT_EQ(OnDisk(IdOf(5)).first, PKGDLV_VALID);
+}
+
+TEST_F(PackageManagerTest, RunLoopFailureFlushesTheQueueButKeepsEveryRequestOnDisk) {
+  client_->failQueries = true;
+  Queue(IdOf(1));
+  Engine().Start();
+  ASSERT_TRUE(AwaitLog("Error in Run (), flushing package queue: The client object failed (0x80004005)"));
+  EXPECT_EQ(engine_->queue().Size(), 0u);
+  EXPECT_EQ(OnDisk(IdOf(1)).first, PKGDLV_PENDING);
+
+  client_->failQueries = false;
+  ASSERT_TRUE(clock_->AwaitTimedWaiters(1));
+  clock_->Advance(PackageManager::kRunFailurePauseMs);
+  engine_->ResumeDownloads();
+  ASSERT_TRUE(downloader_->AwaitAttempts(1));
+  engine_->Stop();
+  EXPECT_EQ(OnDisk(IdOf(1)).first, PKGDLV_VALID);
+}
+
+TEST_F(PackageManagerTest, UnregisteredOrBlockedClientDownloadsNothingUntilWoken) {
+  client_->registered = false;
+  Queue(IdOf(1));
+  Engine().Start();
+  ASSERT_TRUE(AwaitLog("Client is not registered. Package download is suspended."));
+  client_->registered = true;
+  client_->blocked = true;
+  engine_->InterruptDownload(1);  // wakes the thread
+  std::this_thread::sleep_for(50ms);
+  EXPECT_TRUE(downloader_->Attempts().empty());
+  client_->blocked = false;
+  engine_->InterruptDownload(1);
+  ASSERT_TRUE(downloader_->AwaitAttempts(1));
+}
+
+TEST_F(PackageManagerTest, StopEndsAWaitAndARunningDownloadPromptlyAndLeavesTheDocumentConsistent) {
+  ScriptedStep hold;
+  hold.holdUntilInterrupted = true;
+  downloader_->SetDefault(hold);
+  Queue(IdOf(1));
+  Engine().Start();
+  ASSERT_TRUE(downloader_->AwaitAttempts(1));
+  const auto started = std::chrono::steady_clock::now();
+  engine_->Stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
+  EXPECT_EQ(OnDisk(IdOf(1)).first, PKGDLV_PENDING);  // suspended by the stop, kept for the next start
+
+  PackageManager idle(services_, WorkFolder(), downloader_);
+  idle.Start();
+  const auto idleStarted = std::chrono::steady_clock::now();
+  idle.Stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - idleStarted, 2s);
+}
+
+}  // namespace
+}  // namespace pkgdlv
