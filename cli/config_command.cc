@@ -4,32 +4,14 @@
 #include <memory>
 #include <string>
 
-#include "agent/object_settings.h"
 #include "cli/command_registry.h"
+#include "cli/work_folder.h"
 #include "records/configuration_document.h"
 #include "records/delivery_settings.h"
 #include "util/error.h"
-#include "util/paths.h"
 
 namespace pkgdlv::cli {
 namespace {
-
-// Until the engine owns the work folder, the tool keeps it as a text value of
-// its own, with the engine's default folder as its default.
-constexpr std::string_view kEngineKey = "Communications\\Package Delivery\\Engine";
-constexpr std::string_view kWorkFolderValue = "WorkFolder";
-
-WorkFolderAccess StoredWorkFolder(AgentServices& services) {
-  auto engine = std::make_shared<ObjectSettings>(*services.settings, *services.log, std::string(kEngineKey));
-  std::string default_folder = DefaultWorkFolder(services.data_folder).string();
-  return {
-      [engine, default_folder] { return engine->ReadText(kWorkFolderValue, default_folder); },
-      [engine](const std::string& folder) {
-        if (folder.empty()) Throw(result::kInvalidArg, "New working folder is not specified");
-        engine->WriteText(kWorkFolderValue, folder);
-      },
-  };
-}
 
 std::string ReadAll(std::istream& in) { return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()}; }
 

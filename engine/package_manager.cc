@@ -51,13 +51,13 @@ PackageManager::PackageManager(const AgentServices& services, std::filesystem::p
       client_(services.client),
       queue_(services.clock, services.log, settings_),
       store_(services, std::move(workFolder)) {
-  if (!downloader_) Throw(result::kInvalidArg, "The engine needs a package downloader");
 }
 
 PackageManager::~PackageManager() { Stop(); }
 
 void PackageManager::Start() {
   if (thread_.joinable()) return;
+  if (!downloader_) Throw(result::kInvalidArg, "The engine needs a package downloader");
   ResumeDownloads();
   thread_ = std::thread([this] { Run(); });
 }

@@ -51,6 +51,7 @@ class PackageManager {
 
   // services must outlive the engine (its clock, settings, log, client and
   // peer configuration are used); null peers means no peer directory runs.
+  // Without a downloader the engine can queue and resume but not Start.
   PackageManager(const AgentServices& services, std::filesystem::path workFolder,
                  std::shared_ptr<PackageDownloader> downloader, std::shared_ptr<PeerDirectory> peers = nullptr);
   ~PackageManager();  // Stop()
@@ -58,7 +59,8 @@ class PackageManager {
   PackageManager& operator=(const PackageManager&) = delete;
 
   // Resumes the first batch of the work folder's packages, then starts the
-  // thread. Does nothing when the thread runs already.
+  // thread. Does nothing when the thread runs already; throws Error
+  // 0x80070057 without a downloader.
   void Start();
   // Sets the stop event, interrupts the running transfer and joins the
   // thread. Every wait and attempt of the engine ends at the stop event.

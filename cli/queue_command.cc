@@ -1,0 +1,70 @@
+// pkgdlv queue [--work-folder DIR] [--json]: the packages of the work folder
+// that the engine would resume, in the order it would download them. Like the
+// engine at start, it brings each package's status up to date in its
+// "package.xml" (a package whose files are all present becomes valid).
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "cli/command_registry.h"
+#include "cli/work_folder.h"
+#include "engine/package_manager.h"
+#include "records/package_request.h"
+#include "util/filetime.h"
+#include "util/format.h"
+
+namespace pkgdlv::cli {
+namespace {
+
+struct QueueArgs {
+  std::string workFolder;
+  bool json = false;
+};
+
+void ShowQueue(Context& context, const QueueArgs& args) {
+  AgentServices& services = context.services();
+  const std::string folder = args.workFolder.empty() ? StoredWorkFolder(services).current() : args.workFolder;
+  PackageManager engine(services, folder, nullptr);
+  engine.ResumeDownloads();
+  while (engine.ResumeQueueSize() > 0) engine.ProcessResumeQueue();
+
+  nlohmann::json entries = nlohmann::json::array();
+  for (const QueueEntry& entry : engine.queue().Entries()) {
+    std::shared_ptr<PackageRequest> request = engine.store().Find(entry.id);
+    std::string name, status;
+    if (request) {
+      auto lock = request->Lock();
+      name = request->name;
+      status = std::string(StatusName(request->status()));
+    }
+    const std::string retryAt = entry.retryPending ? FormatLocalTime(entry.nextAttemptTime) : "";
+    if (args.json) {
+      entries.push_back({{"id", entry.id.ToString()},
+                         {"name", name},
+                         {"status", status},
+                         {"priority", entry.priority},
+                         {"missingBytes", entry.sizeKey},
+                         {"retryAt", retryAt}});
+    } else {
+      std::cout << Format("%ls  %-11ls %6ls %14I64d  %ls%ls\n", entry.id.ToString(), status,
+                          PriorityName(entry.priority), entry.sizeKey, name,
+                          retryAt.empty() ? std::string() : "  (retry at " + retryAt + ")");
+    }
+  }
+  if (args.json) std::cout << entries.dump(2) << "\n";
+}
+
+void Install(CLI::App& app, Context& context) {
+  auto args = std::make_shared<QueueArgs>();
+  CLI::App* queue = app.add_subcommand("queue", "List the work folder's unfinished packages in download order");
+  queue->add_option("--work-folder", args->workFolder, "The work folder (default: the configured one)");
+  queue->add_flag("--json", args->json, "Print JSON");
+  queue->callback([&context, args] { ShowQueue(context, *args); });
+}
+
+const CommandRegistration registration(60, Install);
+
+}  // namespace
+}  // namespace pkgdlv::cli
