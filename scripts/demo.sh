@@ -46,5 +46,15 @@ if pkgdlv snapshot --help >/dev/null 2>&1; then
   echo "(exit code $rc: files need updating)"
 fi
 
+step "The engine's queue: three requests left in a work folder, in download order"
+for spec in "1 Normal 3000000 pending" "2 High 500000 retrying" "3 Normal 1000 downloading"; do
+  set -- $spec
+  pid="{00000000-0000-0000-0000-00000000000$1}"
+  mkdir -p "$work/queue/$pid"
+  printf '<Package id="%s" name="demo %s" size="%s" priority="%s" status="%s"/>' "$pid" "$1" "$3" "$2" "$4" \
+    > "$work/queue/$pid/package.xml"
+done
+pkgdlv queue --work-folder "$work/queue"
+
 step "Done"
 echo "data folder: $PKGDLV_HOME"
