@@ -10,6 +10,7 @@
 #include "agent/peer_configuration.h"
 #include "agent/secure_store.h"
 #include "agent/settings_store.h"
+#include "agent/volume_info.h"
 #include "util/error.h"
 #include "util/paths.h"
 
@@ -32,6 +33,7 @@ AgentServices AgentServices::CreateDefault(const std::filesystem::path& data_fol
   services.secure_store = OpenSqliteSecureStore(data_folder / "securestore.db", data_folder / "machine.key");
   services.client = std::make_shared<DefaultClientAgent>();
   services.peer_configuration = NewDefaultPeerConfigurationSource();
+  services.volumes = NewLinuxVolumeInfo();
   return services;
 }
 

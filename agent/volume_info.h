@@ -19,6 +19,10 @@ struct VolumeDetails {
   bool exactTimes = true;   // false on FAT-family volumes, which round time stamps
   bool sparseFiles = true;  // sparse files and hole punching (ext4, xfs, btrfs, tmpfs, ...)
   uint64_t freeBytes = 0;   // bytes available to this process
+  // A local disk: not a network file system, not a removable device, and not
+  // a memory file system (tmpfs, ramfs) unless the implementation was told to
+  // count those as local.
+  bool fixedDrive = true;
 };
 
 class VolumeInfo {
@@ -32,7 +36,11 @@ class VolumeInfo {
 
 // The file-system types that keep inexact (two-second) time stamps.
 bool IsFatFamily(std::string_view fileSystem);
+// File systems reached over the network (nfs, cifs, smb3, sshfs, ...).
+bool IsNetworkFileSystem(std::string_view fileSystem);
 
-std::shared_ptr<VolumeInfo> NewLinuxVolumeInfo();
+// memoryFileSystemsAreFixed counts tmpfs and ramfs as fixed drives (a
+// machine whose only writable storage is in memory).
+std::shared_ptr<VolumeInfo> NewLinuxVolumeInfo(bool memoryFileSystemsAreFixed = false);
 
 }  // namespace pkgdlv

@@ -19,9 +19,13 @@ constexpr int32_t kMinuteMs = 60'000;
 }  // namespace
 
 void PackageManager::PerformDownload(const std::shared_ptr<PackageRequest>& request) {
+  std::lock_guard download(downloadLock_);
   TransferControl transfer;
   {
     RecursiveLock lock(queueLock_);
+    // A relocation emptied the queue while this thread waited for the lock:
+    // the package resumes from its new folder.
+    if (!queue_.Contains(request->id())) return;
     transfer_ = &transfer;
   }
   AttemptOutcome outcome;

@@ -58,6 +58,7 @@ PackageManager::~PackageManager() { Stop(); }
 void PackageManager::Start() {
   if (thread_.joinable()) return;
   if (!downloader_) Throw(result::kInvalidArg, "The engine needs a package downloader");
+  LockWorkFolder(false);
   ResumeDownloads();
   thread_ = std::thread([this] { Run(); });
 }
@@ -175,6 +176,7 @@ void PackageManager::QueuePackage(const std::shared_ptr<PackageRequest>& request
   RecursiveLock lock(queueLock_);
   auto recordLock = request->Lock();
   const Guid id = request->id();
+  if (id.IsNull()) Throw(result::kInvalidArg, "Invalid package ID");
   const int32_t oldStatus = request->status();
 
   if (request->urgentDownload) {

@@ -11,7 +11,8 @@
 // InterruptDownload, ResumeDownloads, RetryDownloadsIfNeeded and the state
 // handlers from any thread. Run, WaitForReadyPackage, PerformDownload and
 // ProcessResumeQueue run on the engine thread (tests may call them directly
-// while no thread runs). Locks nest: the resume lock, then the queue lock,
+// while no thread runs). Locks nest: the download lock or the resume lock,
+// then the queue lock,
 // then the DownloadQueue's own lock, then a package record's lock; the queue
 // lock is never held while the resume lock is taken, nor while the thread
 // waits.
@@ -26,12 +27,14 @@
 #include <thread>
 
 #include <pkgdlv/agent_services.h>
+#include <pkgdlv/package_enums.h>
 
 #include "engine/download_queue.h"
 #include "engine/package_downloader.h"
 #include "engine/package_store.h"
 #include "engine/peer_directory.h"
 #include "engine/transfer_control.h"
+#include "engine/work_folder_lock.h"
 #include "records/delivery_settings.h"
 #include "util/event.h"
 
@@ -70,6 +73,7 @@ class PackageManager {
   // Places a request in the queue, or finds that its files are complete. With
   // restart, a running download of the package is interrupted and its
   // snapshot reloaded from its file first. The store learns the record.
+  // Throws Error 0x80070057 for a request without an identifier.
   void QueuePackage(const std::shared_ptr<PackageRequest>& request, bool restart);
   // Hands the running transfer the reason (see InterruptionReason) and wakes
   // the thread.
@@ -84,6 +88,30 @@ class PackageManager {
   // change worth retrying for.
   void OnNetworkStateChanged(uint32_t state);
   void OnServerStateChanged(uint32_t state);
+  // ---- The work folder (work_folder.cc) ----
+
+  // Opens the lock file of the work folder (first closing it with reopen). A
+  // failure is logged and the engine goes on without the lock.
+  void LockWorkFolder(bool reopen);
+  // Makes folder the work folder (created when missing), locks it and
+  // resumes its packages. False when it already is the work folder. Throws
+  // Error: an empty path (0x80070057 "New working folder is not specified"),
+  // packages still queued for another folder (0x80004005 "Attribute
+  // workFolder has already been set and there are active downloads in the
+  // queue"), a folder that cannot be created ("Cannot create work folder").
+  bool SetWorkFolder(const std::filesystem::path& folder);
+  struct Relocation {
+    uint32_t flags = PKGDLV_RELOCATE_SUCCESS;  // RelocatePackageStoreFlags
+    uint64_t requiredMiB = 0;                  // with PKGDLV_RELOCATE_ABORTED_NO_SPACE
+  };
+  // Moves the whole store to newFolder (the current folder: checks it and
+  // finishes earlier partial moves). Downloads are suspended meanwhile; a
+  // relocation refused for lack of space or failed in the move leaves them
+  // suspended until a relocation completes or the engine is made again.
+  Relocation RelocateWorkFolder(const std::filesystem::path& newFolder);
+  // Set while a relocation is requested; downloads stop at it.
+  Event& relocationRequested() { return relocationRequested_; }
+
   // When the network last changed (0: not since the engine was made).
   FileTime LastNetworkChangeTime() const { return lastNetworkChange_.load(); }
 
@@ -132,6 +160,12 @@ class PackageManager {
 
   Event stop_{Event::Reset::kManual};
   Event wake_{Event::Reset::kAuto};
+  Event relocationRequested_{Event::Reset::kManual};
+
+  // Held by a download attempt and its outcome, and by a relocation, so that
+  // the two never overlap. Taken before the queue lock.
+  std::mutex downloadLock_;
+  WorkFolderLock workFolderLock_;  // under queueLock_
 
   std::recursive_mutex queueLock_;  // the queue, transfer_ and QueuePackage's status changes
   DownloadQueue queue_;

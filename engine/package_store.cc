@@ -27,6 +27,25 @@ void PackageStore::SetWorkFolder(std::filesystem::path folder) {
   workFolder_ = std::move(folder);
 }
 
+void PackageStore::Relocate(const std::filesystem::path& oldFolder, const std::filesystem::path& newFolder) {
+  std::vector<std::shared_ptr<PackageRequest>> held;
+  {
+    std::lock_guard lock(mutex_);
+    workFolder_ = newFolder;
+    for (auto& [id, record] : records_) {
+      if (std::shared_ptr<PackageRequest> request = record.lock()) held.push_back(std::move(request));
+    }
+  }
+  // Record locks are taken without the store's mutex: a record's holder may
+  // call the store while holding its lock.
+  for (const std::shared_ptr<PackageRequest>& request : held) {
+    auto lock = request->Lock();
+    const std::string name = request->id().ToString();
+    Snapshot& snapshot = request->snapshot();
+    if (std::filesystem::path(snapshot.path) == oldFolder / name) snapshot.path = (newFolder / name).string();
+  }
+}
+
 std::filesystem::path PackageStore::FolderOf(const Guid& id) const { return workFolder() / id.ToString(); }
 
 std::filesystem::path PackageStore::DocumentPathOf(const Guid& id) const {

@@ -32,6 +32,10 @@ class PackageStore {
   std::filesystem::path workFolder() const;
   void SetWorkFolder(std::filesystem::path folder);
 
+  // The store moved from oldFolder to newFolder: the work folder changes and
+  // every record in memory whose package folder was oldFolder/<{ID}> follows.
+  void Relocate(const std::filesystem::path& oldFolder, const std::filesystem::path& newFolder);
+
   // "<work folder>/<{ID}>" and its "package.xml".
   std::filesystem::path FolderOf(const Guid& id) const;
   std::filesystem::path DocumentPathOf(const Guid& id) const;

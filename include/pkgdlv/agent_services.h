@@ -17,6 +17,7 @@ class SecureStore;
 class NetworkTransportFactory;
 class ClientAgent;
 class PeerConfigurationSource;
+class VolumeInfo;
 
 struct AgentServices {
   std::filesystem::path data_folder;        // the agent's data folder
@@ -28,6 +29,7 @@ struct AgentServices {
   std::shared_ptr<NetworkTransportFactory> transports;  // network transports (libcurl), one per user
   std::shared_ptr<ClientAgent> client;                  // registration, download blockout, identity reset
   std::shared_ptr<PeerConfigurationSource> peer_configuration;  // peer network configuration
+  std::shared_ptr<VolumeInfo> volumes;  // file system, fixed drive, free space of a folder
 
   // The real services over a data folder (created when missing): the system
   // clock, "settings.db", the agent log in "log" and OpenSSL crypto. Throws Error when the

@@ -23,4 +23,17 @@ enum PkgDlv_Priority : int32_t {
   PKGDLV_PRI_HIGH = 10,
 };
 
+// Outcome of a work folder relocation: success, success with packages still
+// reached through links to their old place, or one of the aborted kinds.
+enum RelocatePackageStoreFlags : uint32_t {
+  PKGDLV_RELOCATE_SUCCESS = 0,
+  PKGDLV_RELOCATE_NEEDREPAIR = 1,
+  PKGDLV_RELOCATE_ABORTED = 16,
+  PKGDLV_RELOCATE_ABORTED_NO_SPACE = 32,
+  PKGDLV_RELOCATE_ABORTED_NOT_LOCAL = 48,
+  PKGDLV_RELOCATE_ABORTED_KNOWN_FOLDER = 64,
+  PKGDLV_RELOCATE_ABORTED_NOT_NTFS = 80,
+  PKGDLV_RELOCATE_ABORTED_MASK = 240,
+};
+
 }  // namespace pkgdlv

@@ -23,5 +23,15 @@ TEST(VolumeInfoTest, TheLinuxQueryNamesTheMountOfAFolder) {
   EXPECT_EQ(volumes->Query(dir / "absent"), std::nullopt);
 }
 
+TEST(VolumeInfoTest, MemoryAndNetworkFileSystemsAreNotFixedDrives) {
+  for (const char* network : {"nfs4", "cifs", "fuse.sshfs"}) EXPECT_TRUE(IsNetworkFileSystem(network)) << network;
+  for (const char* local : {"ext4", "overlay", "tmpfs", "fuseblk"}) EXPECT_FALSE(IsNetworkFileSystem(local)) << local;
+
+  std::optional<VolumeDetails> shm = NewLinuxVolumeInfo()->Query("/dev/shm");
+  if (!shm || shm->fileSystem != "tmpfs") GTEST_SKIP() << "no tmpfs at /dev/shm";
+  EXPECT_FALSE(shm->fixedDrive);
+  EXPECT_TRUE(NewLinuxVolumeInfo(true)->Query("/dev/shm")->fixedDrive);
+}
+
 }  // namespace
 }  // namespace pkgdlv

@@ -1,0 +1,31 @@
+// The work folder's lock file, "pkgdlvlk.tmp": held with an exclusive lock
+// while the engine uses the folder, so a second engine (another process) cannot
+// take the same store, and deleted when it is closed.
+#pragma once
+
+#include <filesystem>
+
+namespace pkgdlv {
+
+inline constexpr const char* kWorkFolderLockFileName = "pkgdlvlk.tmp";
+
+class WorkFolderLock {
+ public:
+  WorkFolderLock() = default;
+  ~WorkFolderLock() { Close(); }
+  WorkFolderLock(const WorkFolderLock&) = delete;
+  WorkFolderLock& operator=(const WorkFolderLock&) = delete;
+
+  // Creates and locks the file in folder. Throws Error with the system's code
+  // (0x80070020 when another holder has it locked); the object stays closed.
+  void Open(const std::filesystem::path& folder);
+  // Deletes the file and releases the lock; nothing when closed.
+  void Close();
+  bool IsOpen() const { return fd_ >= 0; }
+
+ private:
+  int fd_ = -1;
+  std::filesystem::path path_;
+};
+
+}  // namespace pkgdlv
