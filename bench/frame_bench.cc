@@ -8,7 +8,6 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <ctime>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "agent/logger.h"
+#include "bench_util.h"
 #include "util/compressed_frame.h"
 
 namespace {
@@ -54,16 +54,8 @@ Bytes MakeData() {
   return data;
 }
 
-double ThreadSeconds() {
-  timespec t{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-  return t.tv_sec + t.tv_nsec / 1e9;
-}
-double WallSeconds() {
-  timespec t{};
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return t.tv_sec + t.tv_nsec / 1e9;
-}
+using pkgdlv::bench::ThreadSeconds;
+using pkgdlv::bench::WallSeconds;
 
 // Runs `body` after `prepare` (not timed) and keeps the best times.
 struct Timer {

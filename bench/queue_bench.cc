@@ -10,7 +10,6 @@
 // best of three rounds.
 #include <algorithm>
 #include <cstdio>
-#include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
@@ -20,6 +19,7 @@
 #include "agent/clock.h"
 #include "agent/logger.h"
 #include "agent/settings_store.h"
+#include "bench_util.h"
 #include "engine/download_queue.h"
 #include "records/delivery_settings.h"
 
@@ -29,21 +29,9 @@ using namespace pkgdlv;
 
 constexpr int kRounds = 3;
 
-double ThreadSeconds() {
-  timespec t{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-  return t.tv_sec + t.tv_nsec / 1e9;
-}
-
 // Best of kRounds, nanoseconds per operation.
 double NanosPerOp(size_t operations, const std::function<void()>& run) {
-  double best = 1e300;
-  for (int round = 0; round < kRounds; ++round) {
-    const double start = ThreadSeconds();
-    run();
-    best = std::min(best, ThreadSeconds() - start);
-  }
-  return best * 1e9 / static_cast<double>(operations);
+  return bench::BestOf(kRounds, bench::ThreadSeconds, run) * 1e9 / static_cast<double>(operations);
 }
 
 // Settings in memory: the bench measures the queue, not a database.

@@ -11,7 +11,6 @@
 // Each figure is the best of three runs after a warm-up run.
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +20,7 @@
 #include <random>
 #include <string>
 
+#include "bench_util.h"
 #include "snapshot/snapshot.h"
 #include "util/atomic_file.h"
 #include "util/filetime.h"
@@ -30,39 +30,9 @@ using namespace pkgdlv;
 
 namespace {
 
-// One untimed run first, so that neither side pays for cold caches or a
-// fresh process heap in the figures.
-double BestOfThree(const std::function<void()>& run) {
-  run();
-  double best = 1e30;
-  for (int i = 0; i < 3; ++i) {
-    auto start = std::chrono::steady_clock::now();
-    run();
-    best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-  }
-  return best;
-}
-
-void System(const std::string& command) {
-  if (std::system(command.c_str()) != 0) {
-    std::cerr << "failed: " << command << "\n";
-    std::exit(1);
-  }
-}
-
-class TempFolder {
- public:
-  TempFolder() {
-    std::string pattern = (fs::temp_directory_path() / "pkgdlv-bench-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) std::exit(1);
-    path_ = pattern;
-  }
-  ~TempFolder() { fs::remove_all(path_); }
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
+using bench::BestOfThree;
+using bench::System;
+using bench::TempFolder;
 
 std::string ReadText(const fs::path& path) {
   std::string text(fs::file_size(path), '\0');
@@ -166,7 +136,12 @@ int main(int argc, char** argv) {
     std::cerr << "pkgdlv tool not found at " << tool << " (build target pkgdlv_cli or pass its path)\n";
     return 1;
   }
-  LoadBenchmark();
-  CreateBenchmark(tool);
+  try {
+    LoadBenchmark();
+    CreateBenchmark(tool);
+  } catch (const std::exception& e) {
+    std::cerr << "bench_snapshot_bench: " << e.what() << "\n";
+    return 1;
+  }
   return 0;
 }

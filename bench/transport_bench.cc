@@ -5,12 +5,12 @@
 // against the same server; the ratio is transport / tool (1.0 means as fast).
 #include <sys/wait.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "agent/network_transport.h"
+#include "bench_util.h"
 #include "support/nginx_server.h"
 #include "support/temp_dir.h"
 #include "util/error.h"
@@ -21,21 +21,19 @@ constexpr int kRequests = 100;
 constexpr size_t kFileSize = 5u << 20;
 constexpr int kRounds = 3;
 
-double Seconds(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
+using pkgdlv::bench::WallSeconds;
 
 double TransportSeconds(pkgdlv::NetworkTransport& transport, const std::string& url) {
   pkgdlv::RequestOptions options;
   options.maxBodyBytes = kFileSize;
-  auto start = std::chrono::steady_clock::now();
+  const double start = WallSeconds();
   for (int i = 0; i < kRequests; ++i) {
     if (transport.DownloadBytes(url, options).size() != kFileSize) {
       std::fprintf(stderr, "short body\n");
       std::exit(1);
     }
   }
-  return Seconds(start);
+  return WallSeconds() - start;
 }
 
 double ToolSeconds(const pkgdlv::testing::TempDir& dir, const std::string& url) {
@@ -43,9 +41,9 @@ double ToolSeconds(const pkgdlv::testing::TempDir& dir, const std::string& url) 
   for (int i = 0; i < kRequests; ++i) command += " -o /dev/null '" + url + "'";
   pkgdlv::testing::WriteFile(dir / "fetch.sh", command + "\n");
   std::string run = "sh '" + (dir / "fetch.sh").string() + "'";
-  auto start = std::chrono::steady_clock::now();
+  const double start = WallSeconds();
   int status = std::system(run.c_str());
-  double seconds = Seconds(start);
+  double seconds = WallSeconds() - start;
   if (status != 0) {
     std::fprintf(stderr, "the curl tool failed (%d)\n", status);
     std::exit(1);

@@ -12,7 +12,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -21,6 +20,7 @@
 #include <random>
 #include <string>
 
+#include "bench_util.h"
 #include "snapshot/snapshot_builder.h"
 #include "snapshot/validation.h"
 #include "util/atomic_file.h"
@@ -32,16 +32,7 @@ using namespace pkgdlv;
 
 namespace {
 
-double BestOfThree(const std::function<void()>& run) {
-  run();
-  double best = 1e30;
-  for (int i = 0; i < 3; ++i) {
-    auto start = std::chrono::steady_clock::now();
-    run();
-    best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-  }
-  return best;
-}
+using bench::BestOfThree;
 
 // A snapshot of folder as the engine holds it: composed, loaded again from
 // its document (block hashes read from the text when needed).
@@ -87,9 +78,7 @@ void FullValidation(const fs::path& root) {
     listed = list.entries.size();
   });
   std::string command = "openssl dgst -sha256" + files + " > /dev/null";
-  double reference = BestOfThree([&] {
-    if (std::system(command.c_str()) != 0) throw std::runtime_error("openssl dgst failed");
-  });
+  double reference = BestOfThree([&] { bench::System(command); });
   double gib = kFiles * static_cast<double>(kFileSize) / (1u << 30);
   std::cout << "full validation of 1 GiB: " << ours << " s (" << gib / ours << " GiB/s), files listed: " << listed
             << "\nopenssl dgst -sha256:     " << reference << " s (" << gib / reference << " GiB/s)\n"
@@ -138,18 +127,13 @@ void UnchangedManyFiles(const fs::path& root) {
 }  // namespace
 
 int main() {
-  char pattern[] = "/tmp/pkgdlv-validation-bench-XXXXXX";
-  if (!::mkdtemp(pattern)) return 1;
-  fs::path root = pattern;
-  int status = 0;
   try {
-    FullValidation(root);
-    UnchangedManyFiles(root);
+    bench::TempFolder root("pkgdlv-validation-bench");
+    FullValidation(root.path());
+    UnchangedManyFiles(root.path());
   } catch (const std::exception& e) {
     std::cerr << "bench_validation_bench: " << e.what() << '\n';
-    status = 1;
+    return 1;
   }
-  std::error_code ec;
-  fs::remove_all(root, ec);
-  return status;
+  return 0;
 }

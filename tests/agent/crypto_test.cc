@@ -127,7 +127,7 @@ TEST(FileHasherTest, HashesEverySizeAroundTheBlockSize) {
   constexpr uint32_t kBlock = 64;
   testing::TempDir dir;
   FileHasher hasher(kBlock);  // one hasher for all files: its buffer is reused
-  for (size_t size : {0u, 1u, 63u, 64u, 65u, 128u, 3u * 64 + 5, 10'000u}) {
+  for (size_t size : {0u, 63u, 64u, 65u, 10'000u}) {
     SCOPED_TRACE(size);
     const Bytes data = RandomBytes(size, static_cast<uint32_t>(size));
     const auto path = dir / ("file" + std::to_string(size));

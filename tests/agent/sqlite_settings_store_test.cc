@@ -42,8 +42,7 @@ class SqliteSettingsStoreTest : public ::testing::Test {
 
 TEST_F(SqliteSettingsStoreTest, RoundTripsNumbersAndTextsWithTheirType) {
   const std::vector<SettingValue> values = {
-      SettingValue::Number(0),          SettingValue::Number(1),
-      SettingValue::Number(0x7FFFFFFF), SettingValue::Number(0x80000000),
+      SettingValue::Number(0),          SettingValue::Number(0x80000000),
       SettingValue::Number(0xFFFFFFFF), SettingValue::Text(""),
       SettingValue::Text("42"),         SettingValue::Text("C:\\Program Files\\Stöße \"quoted\" 'x'"),
   };

