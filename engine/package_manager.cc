@@ -50,7 +50,8 @@ PackageManager::PackageManager(const AgentServices& services, std::filesystem::p
       peers_(peers ? std::move(peers) : std::make_shared<IdlePeerDirectory>()),
       client_(services.client),
       queue_(services.clock, services.log, settings_),
-      store_(services, std::move(workFolder)) {
+      store_(services, std::move(workFolder)),
+      multicast_(*services.settings, *services.log, MulticastEngine::Dependencies{nullptr, services.client, {}, {}}) {
 }
 
 PackageManager::~PackageManager() { Stop(); }
@@ -59,6 +60,8 @@ void PackageManager::Start() {
   if (thread_.joinable()) return;
   if (!downloader_) Throw(result::kInvalidArg, "The engine needs a package downloader");
   LockWorkFolder(false);
+  multicast_.Manage(MulticastEngine::kReevaluate);
+  multicast_.Manage(MulticastEngine::kStart);
   ResumeDownloads();
   thread_ = std::thread([this] { Run(); });
 }
@@ -242,6 +245,7 @@ int32_t PackageManager::PlaceInQueue(PackageRequest& request) {
 void PackageManager::InterruptDownload(int reason) {
   RecursiveLock lock(queueLock_);
   if (transfer_) transfer_->Interrupt(reason);
+  multicast_.StopSession();
   wake_.Set();
 }
 

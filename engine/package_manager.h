@@ -35,6 +35,7 @@
 #include "engine/peer_directory.h"
 #include "engine/transfer_control.h"
 #include "engine/work_folder_lock.h"
+#include "multicast/multicast_engine.h"
 #include "records/delivery_settings.h"
 #include "util/event.h"
 
@@ -133,6 +134,7 @@ class PackageManager {
   DownloadQueue& queue() { return queue_; }
   std::recursive_mutex& queueLock() { return queueLock_; }
   Event& stopEvent() { return stop_; }
+  MulticastEngine& multicast() { return multicast_; }
   size_t ResumeQueueSize() const;
   uint32_t DecryptFailureCount() const { return decryptFailures_.load(); }
 
@@ -175,6 +177,7 @@ class PackageManager {
   std::deque<Guid> resumeQueue_;
 
   PackageStore store_;
+  MulticastEngine multicast_;
   std::atomic<uint32_t> decryptFailures_ = 0;
   uint32_t maxDecryptFailures_ = 0;
   std::atomic<FileTime> lastNetworkChange_ = 0;
