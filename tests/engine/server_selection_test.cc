@@ -1,0 +1,123 @@
+#include "engine/server_selection.h"
+
+#include <gtest/gtest.h>
+
+#include "agent/crypto.h"
+#include "support/fake_clock.h"
+#include "support/recording_logger.h"
+#include "util/error.h"
+
+namespace pkgdlv {
+namespace {
+
+class FakeProfile final : public ServerProfile {
+ public:
+  void AddError(std::string_view) override {}
+  uint32_t ErrorCount(std::string_view) const override { return 0; }
+  std::optional<size_t> BestServer(std::span<const std::string> servers) const override {
+    asked.assign(servers.begin(), servers.end());
+    return best;
+  }
+  uint32_t ConnectionSpeed(std::string_view host) const override { return host == "fast" ? 90000 : 0; }
+  std::optional<size_t> best = 0;
+  mutable std::vector<std::string> asked;
+};
+
+CodebaseEntry Source(std::string location, uint32_t type = 0) {
+  CodebaseEntry entry;
+  entry.location = std::move(location);
+  entry.sourceType = type;
+  return entry;
+}
+
+class ServerSelectionTest : public ::testing::Test {
+ protected:
+  ServerSelectionTest() { request_.SetId(Guid::Generate()); }
+
+  // Selects for a request with these sources, keeping the cycle's lists.
+  ServerSelection Choose(std::vector<CodebaseEntry> sources, bool urgent = false, std::string siteQueryType = "") {
+    {
+      auto lock = request_.Lock();
+      request_.codebases = std::move(sources);
+      request_.urgentDownload = urgent;
+      request_.siteQueryType = std::move(siteQueryType);
+    }
+    return selector_.ChooseForPass(request_, tried_, peers_, bad_, queueLock_);
+  }
+  Result FailureOf(std::vector<CodebaseEntry> sources, bool urgent = false) {
+    try {
+      Choose(std::move(sources), urgent);
+    } catch (const Error& e) {
+      return e.code();
+    }
+    return 0;
+  }
+
+  std::shared_ptr<testing::RecordingLogger> log_ = std::make_shared<testing::RecordingLogger>();
+  PackageRequest request_{log_, std::make_shared<testing::FakeClock>(), NewOpenSslCrypto()};
+  FakeProfile profile_;
+  Event stop_;
+  ServerSelector selector_{*log_, profile_, "THIS", stop_};
+  std::recursive_mutex queueLock_;
+  std::vector<CodebaseEntry> tried_, peers_;
+  std::vector<std::string> bad_;
+};
+
+TEST(ServerOfTest, TakesTheHostOfEveryLocationForm) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"http://ps1:8080/Pkg/x", "ps1"}, {"https://user:pw@ps2/x?y", "ps2"}, {"\\\\srv\\share\\p", "srv"},
+      {"\\\\\\C:\\pkgs\\p", "THIS"},    {"http://[::1]:81/x", "[::1]"},     {"relative\\path", "THIS"},
+  };
+  for (const auto& [location, server] : cases) EXPECT_EQ(ServerOf(location, "THIS"), server) << location;
+}
+
+TEST_F(ServerSelectionTest, SourcesOnThisComputerWinAndTheSpeedComesFromTheProfile) {
+  ServerSelection chosen = Choose({Source("http://fast/a"), Source("\\\\this\\share\\b")});
+  EXPECT_EQ(chosen.location, "\\\\this\\share\\b");
+  EXPECT_EQ(chosen.value, 1u);
+  EXPECT_EQ(chosen.speed, ServerSelector::kDefaultSpeed);
+
+  tried_.clear();
+  chosen = Choose({Source("http://fast/a")});
+  EXPECT_EQ(chosen.speed, 90000u);
+  EXPECT_TRUE(log_->Contains("GetPackageLocalSources: Locally installed Package Server not found"));
+}
+
+TEST_F(ServerSelectionTest, ABadBestServerRestartsTheScanAtTheFirstServer) {
+  profile_.best = 1;
+  bad_ = {"s1"};
+  ServerSelection chosen = Choose({Source("http://s0/a"), Source("http://s1/a"), Source("http://s2/a")});
+  EXPECT_EQ(chosen.location, "http://s0/a");
+  EXPECT_TRUE(log_->Contains("SelectServer: best server reset to 0 because it's in a bad server list"));
+}
+
+TEST_F(ServerSelectionTest, AServerWithEveryRecordTriedBecomesBadAndTheTriedListEmpties) {
+  const std::vector<CodebaseEntry> sources = {Source("http://s0/a"), Source("http://s1/b")};
+  EXPECT_EQ(Choose(sources).location, "http://s0/a");
+  EXPECT_EQ(Choose(sources).location, "http://s1/b");  // s0's one source was tried: s0 is bad now
+  EXPECT_EQ(bad_, std::vector<std::string>{"s0"});
+  EXPECT_EQ(tried_.size(), 1u);
+  EXPECT_EQ(FailureOf(sources), 0x80004005u);
+  EXPECT_EQ(bad_, (std::vector<std::string>{"s0", "s1"}));
+}
+
+TEST_F(ServerSelectionTest, OnlyAnUrgentPackageFallsBackToTheQuillonServersOwnSources) {
+  const std::vector<CodebaseEntry> sources = {Source("http://qs/a", 1)};
+  EXPECT_EQ(Choose(sources, /*urgent=*/false).location, "http://qs/a");  // an ordinary server then
+  EXPECT_FALSE(log_->Contains("Selecting from QS servers list"));
+
+  tried_.clear();
+  bad_.clear();
+  EXPECT_EQ(Choose(sources, /*urgent=*/true).location, "http://qs/a");
+  EXPECT_TRUE(log_->Contains("Selecting from QS servers list since SLA is ended for urgent package download."));
+}
+
+TEST_F(ServerSelectionTest, PackageServerQueriesNeverAskTheLocalPackageServerAndStopAborts) {
+  Choose({Source("http://s0/a")}, false, "packageServers");
+  EXPECT_FALSE(log_->Contains("Trying to get it from locally installed PS"));
+  stop_.Set();
+  EXPECT_EQ(FailureOf({Source("http://s0/b")}), 0x80004004u);
+}
+
+}  // namespace
+}  // namespace pkgdlv
