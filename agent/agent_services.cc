@@ -5,10 +5,15 @@
 #include "agent/agent_log.h"
 #include "agent/client_agent.h"
 #include "agent/clock.h"
+#include "agent/connection_sender.h"
 #include "agent/crypto.h"
+#include "agent/network_addresses.h"
 #include "agent/network_transport.h"
 #include "agent/peer_configuration.h"
+#include "agent/response_decryptor.h"
 #include "agent/secure_store.h"
+#include "agent/server_profile.h"
+#include "agent/signing_keys.h"
 #include "agent/settings_store.h"
 #include "agent/volume_info.h"
 #include "util/error.h"
@@ -33,6 +38,11 @@ AgentServices AgentServices::CreateDefault(const std::filesystem::path& data_fol
   services.secure_store = OpenSqliteSecureStore(data_folder / "securestore.db", data_folder / "machine.key");
   services.client = std::make_shared<DefaultClientAgent>();
   services.peer_configuration = NewDefaultPeerConfigurationSource();
+  services.server_profile = NewMemoryServerProfile();
+  services.decryptor = NewDefaultResponseDecryptor();
+  services.connection_senders = NewAbsentConnectionSenderLookup();
+  services.signing_keys = std::make_shared<SigningKeys>(services.secure_store);
+  services.network_addresses = NewSystemNetworkAddresses();
   services.volumes = NewLinuxVolumeInfo();
   return services;
 }

@@ -17,6 +17,11 @@ class SecureStore;
 class NetworkTransportFactory;
 class ClientAgent;
 class PeerConfigurationSource;
+class ServerProfile;
+class ResponseDecryptor;
+class ConnectionSenderLookup;
+class SigningKeys;
+class NetworkAddresses;
 class VolumeInfo;
 
 struct AgentServices {
@@ -29,6 +34,11 @@ struct AgentServices {
   std::shared_ptr<NetworkTransportFactory> transports;  // network transports (libcurl), one per user
   std::shared_ptr<ClientAgent> client;                  // registration, download blockout, identity reset
   std::shared_ptr<PeerConfigurationSource> peer_configuration;  // peer network configuration
+  std::shared_ptr<ServerProfile> server_profile;              // error counts per server URL
+  std::shared_ptr<ResponseDecryptor> decryptor;               // response and password decryption
+  std::shared_ptr<ConnectionSenderLookup> connection_senders;  // the persistent connection sender (none on Linux)
+  std::shared_ptr<SigningKeys> signing_keys;                  // keys that sign binary server responses
+  std::shared_ptr<NetworkAddresses> network_addresses;        // the computer's IPv4 addresses
   std::shared_ptr<VolumeInfo> volumes;  // file system, fixed drive, free space of a folder
 
   // The real services over a data folder (created when missing): the system

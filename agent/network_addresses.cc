@@ -1,0 +1,40 @@
+#include "agent/network_addresses.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "util/errno_result.h"
+#include "util/error.h"
+
+namespace pkgdlv {
+namespace {
+
+class SystemNetworkAddresses final : public NetworkAddresses {
+ public:
+  std::vector<std::string> IPv4Addresses() override {
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) Throw(ResultFromErrno(errno), "Cannot read the network interfaces");
+    std::vector<std::string> addresses;
+    for (ifaddrs* item = list; item != nullptr; item = item->ifa_next) {
+      if (item->ifa_addr == nullptr || item->ifa_addr->sa_family != AF_INET) continue;
+      if ((item->ifa_flags & IFF_UP) == 0 || (item->ifa_flags & IFF_LOOPBACK) != 0) continue;
+      char text[INET_ADDRSTRLEN] = {};
+      const auto* address = reinterpret_cast<const sockaddr_in*>(item->ifa_addr);
+      if (inet_ntop(AF_INET, &address->sin_addr, text, sizeof text) == nullptr) continue;
+      if (std::find(addresses.begin(), addresses.end(), text) == addresses.end()) addresses.emplace_back(text);
+    }
+    freeifaddrs(list);
+    return addresses;
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<NetworkAddresses> NewSystemNetworkAddresses() { return std::make_shared<SystemNetworkAddresses>(); }
+
+}  // namespace pkgdlv

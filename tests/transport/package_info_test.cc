@@ -1,0 +1,337 @@
+// The package information request against a real HTTP server on 127.0.0.1
+// and a scripted persistent connection sender: answers good and bad, binary
+// answers with their integrity check, the back-off after busy answers, and
+// cancellation from another thread.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "agent/crypto.h"
+#include "agent/response_decryptor.h"
+#include "agent/server_profile.h"
+#include "agent/signing_keys.h"
+#include "support/fake_connection_sender.h"
+#include "support/http_test_server.h"
+#include "support/nginx_server.h"
+#include "support/test_keys.h"
+#include "support/transport_services.h"
+#include "transport/package_download.h"
+#include "util/base64.h"
+#include "util/compressed_frame.h"
+
+namespace pkgdlv {
+namespace {
+
+using testing::HttpTestServer;
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+const char* const kPackage = "{8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B}";
+const std::string kSources = "<PackageSources><Codebases><Codebase href=\"http://ps/pkg\"/></Codebases></PackageSources>";
+
+std::vector<uint8_t> Bytes(std::string_view s) { return {s.begin(), s.end()}; }
+
+std::string Framed(std::string_view text) {
+  std::vector<uint8_t> buffer = Bytes(text);
+  testing::RecordingLogger log;
+  EXPECT_TRUE(Compress(buffer, 1, loglevel::kSilent, log));
+  return std::string(buffer.begin(), buffer.end());
+}
+
+class PackageInfoTest : public ::testing::Test {
+ protected:
+  void SetUp() override { PackageDownload::ResetProcessBackoff(); }
+  void TearDown() override { PackageDownload::ResetProcessBackoff(); }
+
+  PackageInfoQuery Query(const std::string& path) {
+    PackageInfoQuery query;
+    query.packageId = *Guid::Parse(kPackage);
+    query.url = server_.Url(path);
+    query.resource = "agent-7";
+    query.requestType = "packageServers";
+    query.totalTime = 120;
+    query.totalFailureTime = 30;
+    return query;
+  }
+
+  Crypto& crypto() { return *env_.services.crypto; }
+  Headers BinaryHeaders(std::string_view body, std::optional<std::string> signature = std::nullopt) {
+    Headers headers = {{"Content-Hash", Base64Encode(crypto().Sha256(AsBytes(body)))}};
+    if (signature) headers.emplace_back("Content-Signature", *signature);
+    return headers;
+  }
+  std::string SignatureBy(int key, std::string_view body) {
+    return Base64Encode(crypto().Sign(AsBytes(body), testing::TestKey("EC", key)));
+  }
+  std::string PublicKey(int key) { return crypto().PublicKeyBase64FromPrivateKey(testing::TestKey("EC", key)); }
+  static std::span<const uint8_t> AsBytes(std::string_view s) {
+    return {reinterpret_cast<const uint8_t*>(s.data()), s.size()};
+  }
+
+  testing::TransportServices env_;
+  HttpTestServer server_;
+};
+
+TEST_F(PackageInfoTest, AnswersOverHttp) {
+  env_.services.signing_keys->StoreDefaultKey(PublicKey(0));
+  env_.services.signing_keys->AddOtherKey("not a key");  // a broken stored key does not stop the others
+  env_.services.signing_keys->AddOtherKey(PublicKey(1));
+  const Headers xml = {{"Content-Type", "text/xml"}};
+  const std::string frame = Framed(kSources);
+  const std::string root = "Invalid XML returned by server. Root of the document is not found.";
+  const std::string binary = "Binary response validation failed: ";
+  testing::HttpFault none, cut, gone;
+  cut.truncateAfter = 5000;
+  gone.status = 503;
+  struct Case {
+    std::string name, body;
+    Headers headers;
+    Result code;
+    std::string text;  // the answer, or the start of the failure's description
+    uint32_t profileErrors = 0;
+    testing::HttpFault fault = {};
+  } cases[] = {
+      {"plain", kSources, xml, 0, kSources},
+      {"byte order mark skipped", "\xEF\xBB\xBF" + kSources, xml, 0, kSources},
+      {"utf16", std::string("\xFF\xFE<\0a\0/\0>\0", 10), xml, 0, "<a/>"},
+      {"paused", "<Error number=\"8004200E\"/>", xml, 0x8004200E, "WARNING: The server is currently paused", 1},
+      {"number 1", "<Error number=\"1\"/>", xml, 0x80004005, "Invalid response from server", 1},
+      {"own text", "<Error number=\"80070005\"> Denied </Error>", xml, 0x80070005, "Denied", 1},
+      {"other number", "<Error number=\"8004ABCD\"/>", xml, 0x8004ABCD, "Server error", 1},
+      {"not xml", "Service Unavailable", {{"Content-Type", "text/html"}}, 0x80004005, root, 1},
+      {"invalid utf-8", "<a>\xC3\x28\xFF</a>", xml, 0x80004005, root, 1},
+      {"entity bomb", "<!DOCTYPE a [<!ENTITY x \"xxxx\"><!ENTITY y \"&x;&x;&x;&x;\">]><a>&y;&y;</a>", xml, 0x80004005,
+       root, 1},
+      {"huge", std::string(17u << 20, 'x'), xml, 0x800700DF, ""},
+      {"truncated", std::string(100'000, 'x'), xml, 0x800C0008, "", 0, cut},
+      {"unavailable", kSources, xml, 0x80042D21, "", 0, gone},
+      {"binary without hash", frame, {}, 0x80073600, binary},
+      {"binary with wrong hash", frame, BinaryHeaders("other"), 0x8007362E, binary},
+      {"binary with short hash", frame, {{"Content-Hash", "c2hvcnQ="}}, 0x80073630, binary},
+      {"binary, not a frame", "\x01\x02\x03", BinaryHeaders("\x01\x02\x03"), 0x80004005,
+       "Invalid response from server", 1},
+      {"binary frame, unsigned", frame, BinaryHeaders(frame), 0, kSources},
+      {"signed, default key", frame, BinaryHeaders(frame, SignatureBy(0, frame)), 0, kSources},
+      {"signed, other key", frame, BinaryHeaders(frame, SignatureBy(1, frame)), 0, kSources},
+      {"signed, unknown key", frame, BinaryHeaders(frame, SignatureBy(2, frame)), 0x80073602, binary},
+      {"signature not base64", frame, BinaryHeaders(frame, "@@@"), 0x8007000D, binary},
+  };
+  int index = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = "/q" + std::to_string(index++) + ".aspx";
+    server_.AddFile(path, c.body, c.headers);
+    server_.SetFault(path, c.fault);
+    env_.log->Clear();
+    PackageDownload::ResetProcessBackoff();
+    PackageDownload download(env_.services);
+    std::string answer;
+    EXPECT_EQ(download.GetPackageInfo(Query(path), answer), c.code == 0);
+    EXPECT_EQ(download.LastResult(), c.code) << download.LastDescription();
+    EXPECT_EQ(c.code == 0 ? answer : download.LastDescription().substr(0, c.text.size()), c.text);
+    EXPECT_EQ(env_.services.server_profile->ErrorCount(server_.Url(path)), c.profileErrors);
+    EXPECT_EQ(env_.log->Contains("Failed to validate the binary response"), c.code == 0x80073602);
+  }
+  EXPECT_TRUE(env_.log->Contains(
+      "Download package sources failed: Binary response validation failed: The data is invalid (0x8007000D)"));
+}
+
+// nginx declares the type by the file name: text for ".xml", binary for
+// anything else; a file from a folder declares none and is read as text.
+TEST_F(PackageInfoTest, StaticFilesFromNginxAndFolders) {
+  if (!testing::NginxServer::Available()) GTEST_SKIP() << "nginx is not installed";
+  testing::TempDir root;
+  testing::WriteFile(root / "sources.xml", kSources);
+  testing::WriteFile(root / "empty.xml", "");
+  testing::WriteFile(root / "sources.bin", kSources);
+  testing::NginxServer nginx(root.path(), "types { text/xml xml; }");
+  std::string local = root.path().string();
+  for (char& c : local) c = c == '/' ? '\\' : c;
+  struct Case {
+    std::string url;
+    Result code;
+    std::string description;
+  } cases[] = {
+      {nginx.Url("/sources.xml"), 0, ""},
+      {nginx.Url("/empty.xml"), 0x80004005, "Invalid XML returned by server"},
+      {nginx.Url("/sources.bin"), 0x80073600,
+       "Binary response validation failed: The response carries no Content-Hash header"},
+      {"\\\\" + local + "\\empty.xml", 0x80004005, "Invalid XML returned by server"},
+  };
+  for (const Case& c : cases) {
+    PackageInfoQuery query = Query("/");
+    query.url = c.url;
+    PackageDownload download(env_.services);
+    std::string answer;
+    EXPECT_EQ(download.GetPackageInfo(query, answer), c.code == 0) << c.url;
+    EXPECT_EQ(download.LastResult(), c.code) << c.url;
+    EXPECT_EQ(c.code == 0 ? answer : download.LastDescription(), c.code == 0 ? kSources : c.description) << c.url;
+  }
+}
+
+struct BackoffCase {
+  uint32_t maxMinutes;
+  std::vector<uint32_t> waits;
+};
+
+class BusyServerTest : public PackageInfoTest, public ::testing::WithParamInterface<BackoffCase> {};
+
+TEST_P(BusyServerTest, BacksOffWithoutContactingTheServer) {
+  env_.settings->Set("Communications\\Package Delivery", "Server Request Maximum Backoff Interval (mins)",
+                     SettingValue::Number(GetParam().maxMinutes));
+  server_.AddFile("/busy.aspx", "<Error number=\"8004200C\"/>", {{"Content-Type", "text/xml"}});
+  PackageDownload download(env_.services);
+  PackageDownload other(env_.services);  // the back-off is shared by every object
+  std::string answer;
+  size_t requests = 0;
+  for (uint32_t wait : GetParam().waits) {
+    env_.log->Clear();
+    ASSERT_FALSE(download.GetPackageInfo(Query("/busy.aspx"), answer));
+    ASSERT_EQ(server_.RequestCount("/busy.aspx"), ++requests);
+    EXPECT_EQ(download.LastResult(), 0x8004200Cu);
+    EXPECT_EQ(download.LastDescription(), "WARNING: The server is currently busy");
+    EXPECT_TRUE(env_.log->Contains(
+        "Server is busy or paused (0x8004200C). GetPackageInfo server request is backing off and will be retried in " +
+        std::to_string(wait) + " minutes."))
+        << wait;
+    EXPECT_EQ(download.NextAllowedTime(), env_.clock->Now() + wait * kFileTimeTicksPerMinute);
+
+    env_.clock->Advance(wait * 60'000ull - 1'000);
+    for (PackageDownload* object : {&download, &other}) {
+      EXPECT_FALSE(object->GetPackageInfo(Query("/busy.aspx"), answer));
+      EXPECT_EQ(object->LastResult(), 0x8004200Cu);
+      EXPECT_EQ(object->LastDescription(),
+                "WARNING: Server is busy or paused. Package sources request is backing off.");
+    }
+    EXPECT_TRUE(env_.log->Contains("GetPackageInfo server request will be retried in 1 second."));
+    EXPECT_EQ(server_.RequestCount("/busy.aspx"), requests) << "no request while backing off";
+    env_.clock->Advance(1'000);
+  }
+  // A good answer ends the back-off: the next busy answer waits 3 minutes again.
+  server_.AddFile("/good.aspx", kSources, {{"Content-Type", "text/xml"}});
+  EXPECT_TRUE(other.GetPackageInfo(Query("/good.aspx"), answer));
+  env_.log->Clear();
+  EXPECT_FALSE(download.GetPackageInfo(Query("/busy.aspx"), answer));
+  EXPECT_TRUE(env_.log->Contains("will be retried in 3 minutes."));
+  // A clock set back before the busy answer lets the next request go.
+  env_.clock->SetNow(env_.clock->Now() - kFileTimeTicksPerSecond);
+  EXPECT_FALSE(download.GetPackageInfo(Query("/busy.aspx"), answer));
+  EXPECT_EQ(server_.RequestCount("/busy.aspx"), requests + 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Maxima, BusyServerTest,
+                         ::testing::Values(BackoffCase{120, {3, 6, 12}}, BackoffCase{5, {3, 5, 5}}));
+
+TEST_F(PackageInfoTest, CancelFromAnotherThreadEndsPromptly) {
+  server_.AddFile("/slow.aspx", kSources, {{"Content-Type", "text/xml"}});
+  testing::HttpFault slow;
+  slow.stallAfter = 10;
+  server_.SetFault("/slow.aspx", slow);
+  PackageDownload download(env_.services);
+  bool ok = true;
+  std::thread worker([&] {
+    std::string answer;
+    ok = download.GetPackageInfo(Query("/slow.aspx"), answer);
+  });
+  for (int i = 0; i < 500 && server_.RequestCount("/slow.aspx") == 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  const auto start = std::chrono::steady_clock::now();
+  download.Cancel();
+  worker.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_FALSE(ok);
+  EXPECT_EQ(download.LastResult(), result::kCancelled);
+  EXPECT_EQ(download.State(), PackageDownload::kStateCancelled);
+}
+
+class SenderTest : public PackageInfoTest {
+ protected:
+  SenderTest() {
+    env_.services.connection_senders = std::make_shared<testing::FakeConnectionSenderLookup>(sender_);
+  }
+  std::shared_ptr<testing::FakeConnectionSender> sender_ = std::make_shared<testing::FakeConnectionSender>();
+};
+
+TEST_F(SenderTest, RequestDocumentGoesToTheEndpoint) {
+  sender_->SetResponse({{}, kSources});
+  PackageInfoQuery query = Query("/GetPackageInfo.ASPX");
+  query.requestCodebases = true;
+  PackageDownload download(env_.services);
+  std::string answer;
+  ASSERT_TRUE(download.GetPackageInfo(query, answer)) << download.LastDescription();
+  EXPECT_EQ(answer, kSources);
+  ASSERT_EQ(sender_->Sent().size(), 1u);
+  const testing::SentRequest sent = sender_->Sent()[0];
+  EXPECT_EQ(sent.endpointName, "GetPackageInfo");
+  EXPECT_EQ(sent.endpointId, "{6F1C2A7E-94B3-4D58-A0E6-3B8C5D2F71A4}");
+  EXPECT_EQ(sent.body,
+            "<request resource=\"agent-7\" version=\"1\" type=\"packageServers\" compress=\"1\" "
+            "requestQSCodebases=\"true\" totalTime=\"120\" totalFailureTime=\"30\"><packages><package "
+            "guid=\"{8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B}\"/></packages><addresses><address "
+            "ip=\"10.1.2.3\"/></addresses></request>");
+  EXPECT_EQ(server_.Requests().size(), 0u);
+
+  // Without IPv4 addresses the element is empty and a warning says why; a
+  // URL that is not a dynamic page gets no document.
+  env_.services.network_addresses = std::make_shared<testing::FixedNetworkAddresses>(std::vector<std::string>{});
+  PackageDownload bare(env_.services);
+  ASSERT_TRUE(bare.GetPackageInfo(Query("/x.asp"), answer));
+  EXPECT_NE(sender_->Sent()[1].body.find("<addresses/></request>"), std::string::npos) << sender_->Sent()[1].body;
+  EXPECT_TRUE(env_.log->Contains("No IPv4 addresses assigned - package will get no specific sources unless agent "
+                                 "is manually assigned."));
+  ASSERT_TRUE(bare.GetPackageInfo(Query("/sources.xml"), answer));
+  EXPECT_EQ(sender_->Sent()[2].body, "");
+}
+
+// A decryptor that finds every body encrypted and none it can open.
+class RefusingDecryptor final : public ResponseDecryptor {
+ public:
+  DecryptedResponse DecryptResponse(std::span<const uint8_t>) override { return {result::kDecryptFailed, {}}; }
+  std::string DecryptBase64String(std::string_view) override { Throw(result::kDecryptFailed, "no key"); }
+};
+
+TEST_F(SenderTest, Answers) {
+  server_.AddFile("/moved.aspx", kSources, {{"Content-Type", "text/xml"}});
+  const std::string utf16("\xFF\xFE<\0a\0/\0>\0", 10);
+  using ScriptedSenderResponse = testing::ScriptedSenderResponse;
+  struct Case {
+    std::string name;
+    ScriptedSenderResponse response;
+    Result code;
+    std::string text;  // the answer, or the failure's description
+    uint32_t profileErrors;
+    std::shared_ptr<ResponseDecryptor> decryptor = NewDefaultResponseDecryptor();
+  };
+  const std::vector<Case> cases = {
+      {"server error header", {{{"X-TLX-QSError", "8004200D"}}, kSources}, 0x8004200D,
+       "WARNING: The server is not ready to process", 1},
+      {"unreadable server error", {{{"x-tlx-qserror", "zz"}}, ""}, 0x8007203F, "Server error", 1},
+      {"relative redirect", {{{"RedirectUrl", "/moved.aspx"}}, ""}, 0, kSources, 0},
+      {"utf16 body", {{}, utf16}, 0, "<a/>", 0},
+      {"framed body, not checked", {{}, Framed(kSources)}, 0, kSources, 0},
+      {"empty body", {{}, ""}, 0x80004005, "Empty response from server", 1},
+      {"binary garbage", {{}, std::string("\x89PNG\r\n", 6)}, 0x80004005, "Invalid response from server", 1},
+      {"undecryptable", {{}, std::string("\x01\x02\x03", 3)}, 0x80090005,
+       "Unable to decrypt the GetPackageInfo response", 0, std::make_shared<RefusingDecryptor>()},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    PackageDownload::ResetProcessBackoff();
+    env_.services.server_profile = NewMemoryServerProfile();
+    env_.services.decryptor = c.decryptor;
+    sender_->SetResponse(c.response);
+    PackageDownload download(env_.services);
+    std::string answer;
+    EXPECT_EQ(download.GetPackageInfo(Query("/GetPackageInfo.aspx"), answer), c.code == 0);
+    EXPECT_EQ(download.LastResult(), c.code);
+    EXPECT_EQ(c.code == 0 ? answer : download.LastDescription(), c.text);
+    EXPECT_EQ(env_.services.server_profile->ErrorCount(server_.Url("/GetPackageInfo.aspx")), c.profileErrors);
+  }
+  EXPECT_EQ(server_.RequestCount("/moved.aspx"), 1u);
+  EXPECT_TRUE(env_.log->Contains("HTTP request redirected to " + server_.Url("/moved.aspx") + "?xml=<request "));
+}
+
+}  // namespace
+}  // namespace pkgdlv

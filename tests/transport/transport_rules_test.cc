@@ -1,0 +1,90 @@
+// The rules of the package download transport that need no server: URLs
+// built from requests and redirects, connection options and the reading of
+// text bodies.
+#include <gtest/gtest.h>
+
+#include "transport/package_download.h"
+#include "transport/response_text.h"
+#include "transport/url_parts.h"
+
+namespace pkgdlv {
+namespace {
+
+TEST(TransportRulesTest, RedirectUrls) {
+  struct Case {
+    const char* redirect;
+    const char* expected;
+  } cases[] = {
+      // A path alone keeps scheme, host and port of the request and gets the document.
+      {"/qs/GetPackageInfo.aspx", "https://qs.example:8443/qs/GetPackageInfo.aspx?xml=<r/>&redirect=true"},
+      {"\\qs\\x.aspx", "https://qs.example:8443\\qs\\x.aspx?xml=<r/>&redirect=true"},
+      // A query of its own is kept instead.
+      {"/qs/x.aspx?ticket=7", "https://qs.example:8443/qs/x.aspx?ticket=7"},
+      {"http://other:81/a.asp", "http://other:81/a.asp?xml=<r/>&redirect=true"},
+      {"http://other/a.asp?b=c", "http://other/a.asp?b=c"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(RedirectRequestUrl("https://qs.example:8443/old/GetPackageInfo.aspx?xml=<r/>", c.redirect, "<r/>"),
+              c.expected)
+        << c.redirect;
+  }
+}
+
+TEST(TransportRulesTest, SnapshotRequestUrls) {
+  const std::string id = "{8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B}";
+  struct Case {
+    const char* url;
+    int32_t version;
+    std::string expected;
+  } cases[] = {
+      {"http://s/snap.aspx", 0, "http://s/snap.aspx?Resource=R1&PackageId=" + id + "&compress=1"},
+      {"http://s/snap.ASP", 4, "http://s/snap.ASP?Resource=R1&PackageId=" + id + "&PkgVersion=4&compress=1"},
+      {"http://s/pkg/snapshot.xml", 4, "http://s/pkg/snapshot.xml"},
+      {"\\\\\\srv\\pkg\\dirlisting.tavorin.xml", 4, "\\\\\\srv\\pkg\\dirlisting.tavorin.xml"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(SnapshotRequestUrl(c.url, "R1", id, c.version), c.expected) << c.url;
+}
+
+TEST(TransportRulesTest, DynamicPagesAndUncPaths) {
+  EXPECT_TRUE(HasAspExtension("http://h/GetPackageInfo.ASPX") && HasAspExtension("http://h/a.asp?x=y.xml"));
+  EXPECT_FALSE(HasAspExtension("http://h/sources.xml") || HasAspExtension("http://h/dir.aspx/sources"));
+  EXPECT_TRUE(IsUncPath("\\\\srv\\x") && IsUncPath("//srv/x") && IsUncPath("\\/srv"));
+  EXPECT_FALSE(IsUncPath("http://h/x") || IsUncPath("\\x"));
+}
+
+TEST(TransportRulesTest, ConnectionOptionRowsInOrder) {
+  using Rows = std::vector<std::pair<std::string, std::string>>;
+  const Rows normal = {{"com.brelmont.ExactHttpErrorOn", ""},
+                       {"com.brelmont.HttpConnection.AuthenticateClientOff", ""},
+                       {"com.brelmont.HttpConnection.PeerConnectionModeOff", ""},
+                       {"com.brelmont.HttpConnection.PeerDownloadMaxRate", "0"},
+                       {"com.brelmont.LoggingFlags", "2097152"}};
+  const Rows peer = {{"com.brelmont.ExactHttpErrorOn", ""},
+                     {"com.brelmont.HttpConnection.AuthenticateClientOff", ""},
+                     {"com.brelmont.SecureConnectionMode", "2"},
+                     {"com.brelmont.HttpConnection.PeerConnectionModeOn", ""},
+                     {"com.brelmont.HttpConnection.PeerDownloadMaxRate", "100d"},
+                     {"com.brelmont.LoggingFlags", "0"}};
+  EXPECT_EQ(ConnectionOptionRows(false, 100, 0x200000), normal);
+  EXPECT_EQ(ConnectionOptionRows(true, 100, 0), peer);
+
+  ConnectionOptions applied;
+  for (const auto& [name, value] : peer) applied.Set(name, value);
+  EXPECT_TRUE(applied.peerConnection);
+  EXPECT_EQ(applied.maxReceiveBytesPerSecond, 100u * 1024);
+}
+
+TEST(TransportRulesTest, TextBodies) {
+  auto bytes = [](std::string_view s) { return std::vector<uint8_t>(s.begin(), s.end()); };
+  // "<a>é😀" in UTF-16 both ways, with an unpaired surrogate and an odd byte at the end.
+  const std::string little("\xFF\xFE<\0a\0>\0\xE9\0\x3D\xD8\x00\xDE\x00\xD8x\0!", 19);
+  EXPECT_EQ(Utf16ToUtf8(bytes(little)), "<a>\xC3\xA9\xF0\x9F\x98\x80\xEF\xBF\xBDx\xEF\xBF\xBD");
+  const std::string big("\xFE\xFF\0<\0a", 6);
+  EXPECT_EQ(Utf16ToUtf8(bytes(big)), "<a");
+  EXPECT_FALSE(LooksLikeXmlText(bytes("<a")) || LooksLikeXmlText(bytes("<\xC3\xA9")));
+  EXPECT_TRUE(IsTextContentType("application/rss+xml; charset=utf-8"));
+  EXPECT_FALSE(IsTextContentType("application/xml-dtd"));
+}
+
+}  // namespace
+}  // namespace pkgdlv
