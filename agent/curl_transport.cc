@@ -83,6 +83,7 @@ class CurlTransport final : public NetworkTransport {
   std::string DownloadText(std::string_view location, const RequestOptions& options) override {
     std::string body;
     Perform(location, options, nullptr, [&](const char* data, size_t size) {
+      if (body.empty()) body.reserve(AnnouncedBodySize(options));
       body.append(data, size);
       return true;
     });
@@ -92,6 +93,7 @@ class CurlTransport final : public NetworkTransport {
   std::vector<uint8_t> DownloadBytes(std::string_view location, const RequestOptions& options) override {
     std::vector<uint8_t> body;
     Perform(location, options, nullptr, [&](const char* data, size_t size) {
+      if (body.empty()) body.reserve(AnnouncedBodySize(options));
       body.insert(body.end(), reinterpret_cast<const uint8_t*>(data), reinterpret_cast<const uint8_t*>(data) + size);
       return true;
     });
@@ -171,6 +173,15 @@ class CurlTransport final : public NetworkTransport {
   Event& CancellationEvent() override { return cancelled_; }
 
  private:
+  // The body size the server announced, within the caller's limit, so that a
+  // large body is stored without being copied at every doubling; 0 when the
+  // size is unknown. A larger announced size fails the transfer anyway.
+  size_t AnnouncedBodySize(const RequestOptions& options) const {
+    curl_off_t length = -1;
+    if (curl_easy_getinfo(easy_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK || length <= 0) return 0;
+    return static_cast<size_t>(std::min<uint64_t>(static_cast<uint64_t>(length), options.maxBodyBytes));
+  }
+
   struct Transfer {
     CurlTransport* self;
     const RequestOptions* options;

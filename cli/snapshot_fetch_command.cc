@@ -22,13 +22,14 @@ struct FetchArgs {
   std::string url;
   std::string dir;
   std::string package;
+  std::string resource;
   int32_t version = 0;
   std::string out = ".";
   std::string user;
   std::string passwordBase64;
 };
 
-// A local folder given as a native path takes the stored form the transport
+// A local file or folder given as a native path takes the stored form the transport
 // opens ("/srv/pkg" becomes three backslashes, "srv", a backslash, "pkg");
 // URLs and UNC paths stay as given.
 std::string StoredSource(const std::string& source) {
@@ -44,8 +45,9 @@ void Fetch(const FetchArgs& args, Context& context) {
   if (args.url.empty() == args.dir.empty()) throw CommandFailure{"give exactly one of --url and --dir"};
   SnapshotQuery query;
   query.packageId = *id;
+  query.resource = args.resource;
   query.version = args.version;
-  query.snapshotUrl = args.url;
+  query.snapshotUrl = StoredSource(args.url);
   query.sourceDirectory = StoredSource(args.dir);
   query.user = args.user;
   query.encryptedPassword = args.passwordBase64;
@@ -80,6 +82,7 @@ void Install(CLI::App& app, Context& context) {
   url->excludes(dir);
   f->add_option("--package", args->package, "Package identifier, {GUID}")->required();
   f->add_option("--version", args->version, "Package version");
+  f->add_option("--resource", args->resource, "The agent's resource identifier (for a dynamic snapshot page)");
   f->add_option("-o,--out", args->out, "Folder to write snapshot.xml and snapdata.xml into");
   auto* user = f->add_option("--user", args->user, "User name for the source");
   f->add_option("--password-b64", args->passwordBase64, "The source password, as the agent stores it (Base64)")

@@ -27,6 +27,13 @@ void PackageManager::PerformDownload(const std::shared_ptr<PackageRequest>& requ
     // the package resumes from its new folder.
     if (!queue_.Contains(request->id())) return;
     transfer_ = &transfer;
+    // A stop or a more urgent request that came between the package being
+    // taken and this point found no transfer to interrupt.
+    if (stop_.IsSet()) {
+      transfer.Interrupt(kInterruptSuspended);
+    } else if (queue_.Front() != request->id()) {
+      transfer.Interrupt(kInterruptPreempted);
+    }
   }
   AttemptOutcome outcome;
   try {
@@ -45,6 +52,7 @@ void PackageManager::PerformDownload(const std::shared_ptr<PackageRequest>& requ
     ApplyOutcome(*request, outcome, transfer);
   }
   Save(*request);
+  if (outcome.code != 0) ResetIdentityAfterDecryptFailures();
 }
 
 void PackageManager::CountDecryptFailure(const AttemptOutcome& outcome) {
@@ -62,7 +70,6 @@ void PackageManager::ApplyOutcome(PackageRequest& request, const AttemptOutcome&
       ApplySuccess(request);
     } else {
       ApplyFailure(request, outcome, transfer);
-      ResetIdentityAfterDecryptFailures();
     }
   } catch (const Error& e) {
     // The peer configuration could not be read: a failure of the run loop.

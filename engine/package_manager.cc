@@ -1,6 +1,7 @@
 #include "engine/package_manager.h"
 
 #include <limits>
+#include <optional>
 
 #include "agent/client_agent.h"
 #include "agent/clock.h"
@@ -51,8 +52,8 @@ PackageManager::PackageManager(const AgentServices& services, std::filesystem::p
       client_(services.client),
       queue_(services.clock, services.log, settings_),
       store_(services, std::move(workFolder)),
-      multicast_(*services.settings, *services.log, MulticastEngine::Dependencies{nullptr, services.client, {}, {}}) {
-}
+      multicast_(*services.settings, *services.log, MulticastEngine::Dependencies{nullptr, services.client, {}, {}}),
+      maxDecryptFailures_(settings_.MaxDecryptFailures()) {}
 
 PackageManager::~PackageManager() { Stop(); }
 
@@ -177,69 +178,109 @@ void PackageManager::QueuePackage(const std::shared_ptr<PackageRequest>& request
     return;
   }
   RecursiveLock lock(queueLock_);
-  auto recordLock = request->Lock();
-  const Guid id = request->id();
-  if (id.IsNull()) Throw(result::kInvalidArg, "Invalid package ID");
-  const int32_t oldStatus = request->status();
-
-  if (request->urgentDownload) {
-    if (oldStatus == PKGDLV_VALID || request->SLAStartTime == 0) request->InitUrgentSla();
-    log.Log(loglevel::kTrace, kPackageDownloadLogComponent,
-            "Download Urgent package. Status: %d, SLA timeout: %d, SLA start=%ls", oldStatus,
-            request->downloadStartSLA, FormatLocalTime(request->SLAStartTime));
+  // The record's lock is the last in the engine's lock order: it is held
+  // only while the record is read or changed, never around queue, store or
+  // multicast calls.
+  Guid id;
+  int32_t oldStatus = 0;
+  FileTime oldSlaStart = 0;
+  bool oldRemote = false;
+  {
+    auto recordLock = request->Lock();
+    id = request->id();
+    if (id.IsNull()) Throw(result::kInvalidArg, "Invalid package ID");
+    oldStatus = request->status();
+    oldSlaStart = request->SLAStartTime;
+    oldRemote = request->remote;
+    if (request->urgentDownload) {
+      if (oldStatus == PKGDLV_VALID || request->SLAStartTime == 0) request->InitUrgentSla();
+      log.Log(loglevel::kTrace, kPackageDownloadLogComponent,
+              "Download Urgent package. Status: %d, SLA timeout: %d, SLA start=%ls", oldStatus,
+              request->downloadStartSLA, FormatLocalTime(request->SLAStartTime));
+    }
   }
-  if (!restart && queue_.Contains(id)) return;
+  // The document is written whenever the record changed here, so that what
+  // QueuePackage decided survives the record being let go and read again.
+  const auto saveIfChanged = [&] {
+    bool changed = false;
+    {
+      auto recordLock = request->Lock();
+      changed = request->status() != oldStatus || request->SLAStartTime != oldSlaStart || request->remote != oldRemote;
+    }
+    if (changed) Save(*request);
+  };
+
+  if (!restart && queue_.Contains(id)) {
+    saveIfChanged();
+    return;
+  }
   store_.Adopt(request);
-  if (restart) {
-    if (queue_.Front() == id) InterruptDownload(kInterruptPreempted);
-    ReloadSnapshotFromPath(request->snapshot());
-  }
+  if (restart && queue_.Front() == id) InterruptDownload(kInterruptPreempted);
 
-  std::filesystem::path folder = request->packageFolder();
-  if (folder.empty()) {
-    folder = store_.FolderOf(id);
-    request->snapshot().path = folder.string();
+  std::filesystem::path folder;
+  {
+    auto recordLock = request->Lock();
+    if (restart) ReloadSnapshotFromPath(request->snapshot());
+    folder = request->packageFolder();
+    if (folder.empty()) {
+      folder = store_.FolderOf(id);
+      request->snapshot().path = folder.string();
+    }
   }
   std::error_code ec;
   std::filesystem::create_directories(folder, ec);
   if (ec) log.Log(loglevel::kWarning, kComponent, "Failed to create package storage folder: %ls", folder.string());
   const bool frontBefore = queue_.Front() == id;
 
-  const int32_t newStatus = PlaceInQueue(*request);
+  PlaceInQueue(*request, id);
   if (frontBefore || queue_.Front() == id) InterruptDownload(kInterruptPreempted);
-  if (newStatus != oldStatus) Save(*request);
+  saveIfChanged();
 }
 
-int32_t PackageManager::PlaceInQueue(PackageRequest& request) {
-  const Guid id = request.id();
-  const auto queuedStatus = [&] { return queue_.IsRetryPending(id) ? PKGDLV_RETRYING : PKGDLV_PENDING; };
-
-  if (!request.IsSnapshotValid(false)) {
-    queue_.SetPriority(id, request.priority, SizeKey(request.GetSize()));
-    RefreshBlocks(request, true, "QueuePackage: could not refresh blocks for package: %ls");
-    request.SetStatus(queuedStatus(), "", true);
-    return request.status();
+void PackageManager::PlaceInQueue(PackageRequest& request, const Guid& id) {
+  // What the record says, read under its lock; the queue is placed after.
+  int32_t priority = 0;
+  bool snapshotValid = false;
+  std::optional<int64_t> missingSize;  // none: the files are complete
+  size_t filesToUpdate = 0, filesInSnapshot = 0;
+  {
+    auto recordLock = request.Lock();
+    priority = request.priority;
+    snapshotValid = request.IsSnapshotValid(false);
+    if (!snapshotValid) {
+      missingSize = SizeKey(request.GetSize());
+    } else {
+      Snapshot updateList;
+      Validator validator;
+      UpdateListOptions options;
+      options.skipHash = request.clientDownloadsDisabled;
+      validator.GetUpdateList(request.snapshot(), updateList, nullptr, options);
+      filesToUpdate = FileCount(updateList);
+      filesInSnapshot = FileCount(request.snapshot());
+      if (filesToUpdate != 0) missingSize = TotalFileSize(updateList);
+    }
   }
 
-  Snapshot updateList;
-  Validator validator;
-  UpdateListOptions options;
-  options.skipHash = request.clientDownloadsDisabled;
-  validator.GetUpdateList(request.snapshot(), updateList, nullptr, options);
-  const size_t toUpdate = FileCount(updateList);
-  if (toUpdate == 0) {
+  if (!missingSize) {
     const bool changed = request.status() != PKGDLV_VALID;
     request.SetStatus(PKGDLV_VALID, "", true);
     if (changed && peers_->State() == PeerDirectory::kRunningState && request.IsLocallyManaged()) {
       peers_->Republish(id);
     }
-    return request.status();
+    return;
   }
-  queue_.SetPriority(id, request.priority, TotalFileSize(updateList));
-  request.SetStatus(queuedStatus(), "", true);
+  queue_.SetPriority(id, priority, *missingSize);
+  if (!snapshotValid) {
+    RefreshBlocks(request, true,
+                  "WaitForReadyPackage: could not refresh blocks for package: %ls. The status will not be propagated "
+                  "in the DHT network.");
+  }
+  request.SetStatus(queue_.IsRetryPending(id) ? PKGDLV_RETRYING : PKGDLV_PENDING, "", true);
   // Only part of the package is missing: it is brought into the store.
-  if (toUpdate != FileCount(request.snapshot())) request.remote = false;
-  return request.status();
+  if (snapshotValid && filesToUpdate != filesInSnapshot) {
+    auto recordLock = request.Lock();
+    request.remote = false;
+  }
 }
 
 void PackageManager::InterruptDownload(int reason) {
@@ -264,6 +305,7 @@ void PackageManager::OnNetworkStateChanged(uint32_t state) {
 void PackageManager::OnServerStateChanged(uint32_t state) {
   services_.log->Log(loglevel::kTrace, kComponent, "Server state changed to 0x%08X, checking multicast state.",
                      state);
+  multicast_.OnRegistrationChanged(static_cast<int>(state));
   if ((state & kStateChangeBits) == 0) return;
   services_.log->Log(loglevel::kInfo, kComponent, "QS server state changed to 0x%08X, retry downloads if needed",
                      state);

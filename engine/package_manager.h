@@ -150,8 +150,9 @@ class PackageManager {
   // The quick check of the package's files for the peer directory; a failure
   // is logged with failureMessage and does not stop the caller.
   void RefreshBlocks(PackageRequest& request, bool final, std::string_view failureMessage);
-  // Queue placement of QueuePackage's steps 6 and 7; returns the new status.
-  int32_t PlaceInQueue(PackageRequest& request);
+  // Queue placement and status of a package that is not yet queued (or is
+  // restarted): queued by what it still misses, or valid when complete.
+  void PlaceInQueue(PackageRequest& request, const Guid& id);
   void Save(PackageRequest& request);
 
   const AgentServices& services_;

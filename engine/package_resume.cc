@@ -3,6 +3,7 @@
 #include "agent/logger.h"
 #include "engine/package_manager.h"
 #include "records/package_request.h"
+#include "util/error.h"
 
 namespace pkgdlv {
 
@@ -28,18 +29,25 @@ void PackageManager::ProcessResumeQueue() {
   if (stop_.IsSet()) return;
   Logger& log = *services_.log;
   std::lock_guard resume(resumeLock_);
-  if (resumeQueue_.empty()) return;
   size_t processed = 0;
   while (!resumeQueue_.empty() && processed < kResumeBatchSize) {
     if (stop_.IsSet()) return;
+    // Taken off first: a package that fails here is not met again at the
+    // next pass, so one bad package cannot hold up the others.
     const Guid id = resumeQueue_.front();
-    std::shared_ptr<PackageRequest> request = store_.Find(id);
-    if (request && IsUnfinished(request->status())) {
-      log.Log(loglevel::kInfo, kComponent, "ResumeDownloads: resume package %ls", id.ToString());
-      QueuePackage(request, false);
-    }
     resumeQueue_.pop_front();
     ++processed;
+    try {
+      std::shared_ptr<PackageRequest> request = store_.Find(id);
+      if (request && IsUnfinished(request->status())) {
+        log.Log(loglevel::kInfo, kComponent, "ResumeDownloads: resume package %ls", id.ToString());
+        QueuePackage(request, false);
+      }
+    } catch (...) {
+      Failure failure = CurrentFailure();
+      log.Log(loglevel::kWarning, kComponent, "ResumeDownloads: package %ls not resumed: %ls (0x%08X)", id.ToString(),
+              failure.description, failure.code);
+    }
   }
   if (resumeQueue_.empty()) {
     log.Log(loglevel::kInfo, kComponent, "All packages are resumed and loaded.");

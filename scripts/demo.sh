@@ -44,6 +44,11 @@ if pkgdlv snapshot --help >/dev/null 2>&1; then
   printf 'X' | dd of="$work/package/bin/tool.bin" bs=1 seek=2500000 conv=notrunc status=none
   rc=0; pkgdlv check "$work/package" --snapshot "$work/out/snapshot.xml" || rc=$?
   echo "(exit code $rc: files need updating)"
+
+  step "Fetching a snapshot as the engine does: a signed snapshot file, then a bare source folder"
+  pkgdlv snapshot fetch --url "$work/out/snapshot.xml" --package "$id" --version 1 -o "$work/fetched"
+  pkgdlv snapshot verify "$work/fetched/snapshot.xml" --snapdata "$work/fetched/snapdata.xml" --key "$key"
+  pkgdlv snapshot fetch --dir "$work/package" --package "$id" -o "$work/listed"
 fi
 
 step "The engine's queue: three requests left in a work folder, in download order"

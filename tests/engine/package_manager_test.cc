@@ -82,7 +82,7 @@ class PackageManagerTest : public ::testing::Test {
   StatusText OnDisk(const Guid& id) {
     const std::filesystem::path path = WorkFolder() / id.ToString() / "package.xml";
     PackageRequest saved(services_);
-    if (!saved.Load(path)) return {-1, ""};
+    if (!std::filesystem::exists(path) || !saved.Load(path)) return {-1, ""};
     const std::string text = testing::ReadFile(path);
     const std::string marker = "statusDescription=\"";
     const size_t start = text.find(marker) + marker.size();
@@ -141,14 +141,52 @@ TEST_F(PackageManagerTest, HigherPriorityRequestPreemptsTheRunningDownloadWhichR
   ASSERT_TRUE(downloader_->AwaitAttempts(1));
   EXPECT_EQ(OnDisk(IdOf(1)).first, PKGDLV_DOWNLOADING);
 
+  // Neither a lower priority nor an equal one that is larger takes the front.
+  Queue(IdOf(3), -10, 10);
+  Queue(IdOf(4), 0, 5000);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(downloader_->Attempts().size(), 1u);
+
+  downloader_->Script(IdOf(2), {hold});
   Queue(IdOf(2), 10, 5000);
-  ASSERT_TRUE(downloader_->AwaitAttempts(3));
-  EXPECT_EQ(AttemptIds(), (std::vector<Guid>{IdOf(1), IdOf(2), IdOf(1)}));
+  ASSERT_TRUE(downloader_->AwaitAttempts(2));
+  EXPECT_EQ(OnDisk(IdOf(1)),
+            StatusText(PKGDLV_PENDING, std::string("Package download waiting for completion of higher priority job")));
+  engine_->InterruptDownload(2);  // cancels package 2
+  ASSERT_TRUE(downloader_->AwaitAttempts(5));
+  EXPECT_EQ(AttemptIds(), (std::vector<Guid>{IdOf(1), IdOf(2), IdOf(1), IdOf(4), IdOf(3)}));
   EXPECT_TRUE(log_->Contains(Format("Package '%ls' was preempted by higher priority package '%ls'",
                                     IdOf(1).ToString(), IdOf(2).ToString())));
   engine_->Stop();
   EXPECT_EQ(OnDisk(IdOf(1)).first, PKGDLV_VALID);
-  EXPECT_EQ(OnDisk(IdOf(2)).first, PKGDLV_VALID);
+  EXPECT_EQ(OnDisk(IdOf(2)), StatusText(PKGDLV_INVALID, std::string("Package download cancelled")));
+}
+
+// A stop or a more urgent request that comes after the package was taken but
+// before its transfer began still ends the attempt.
+TEST_F(PackageManagerTest, InterruptionBeforeTheTransferBeginsIsNotLost) {
+  struct Case {
+    const char* name;
+    std::function<void()> interrupt;
+    StatusText status;
+  } cases[] = {
+      {"preempted", [&] { Queue(IdOf(2), 10); },
+       {PKGDLV_PENDING, "Package download waiting for completion of higher priority job"}},
+      {"stopped", [&] { Engine().Stop(); }, {PKGDLV_PENDING, "Package download suspended"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScriptedStep hold;
+    hold.holdUntilInterrupted = true;
+    downloader_->SetDefault(hold);
+    Queue(IdOf(1));
+    std::shared_ptr<PackageRequest> request = Engine().WaitForReadyPackage();
+    ASSERT_TRUE(request);
+    c.interrupt();
+    Engine().PerformDownload(request);  // would hold for ever if the interruption were lost
+    EXPECT_EQ(OnDisk(IdOf(1)), c.status);
+    engine_.reset();
+  }
 }
 
 // ---- Retry and back-off ----
@@ -336,23 +374,109 @@ TEST_F(PackageManagerTest, UnregisteredOrBlockedClientDownloadsNothingUntilWoken
   ASSERT_TRUE(downloader_->AwaitAttempts(1));
 }
 
-TEST_F(PackageManagerTest, StopEndsAWaitAndARunningDownloadPromptlyAndLeavesTheDocumentConsistent) {
-  ScriptedStep hold;
-  hold.holdUntilInterrupted = true;
-  downloader_->SetDefault(hold);
+TEST_F(PackageManagerTest, OnlyTheLowFourStateBitsReleaseWaitingPackages) {
+  struct Case {
+    const char* name;
+    void (PackageManager::*handler)(uint32_t);
+    uint32_t state;
+    bool releases;
+  } cases[] = {
+      {"network, address bit", &PackageManager::OnNetworkStateChanged, 0x4, true},
+      {"network, high bit only", &PackageManager::OnNetworkStateChanged, 0x10, false},
+      {"server, state bit", &PackageManager::OnServerStateChanged, 0x8, true},
+      {"server, high bit only", &PackageManager::OnServerStateChanged, 0x100, false},
+  };
+  downloader_->SetDefault(Failure());
   Queue(IdOf(1));
-  Engine().Start();
-  ASSERT_TRUE(downloader_->AwaitAttempts(1));
-  const auto started = std::chrono::steady_clock::now();
-  engine_->Stop();
-  EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
-  EXPECT_EQ(OnDisk(IdOf(1)).first, PKGDLV_PENDING);  // suspended by the stop, kept for the next start
+  std::shared_ptr<PackageRequest> request = Engine().WaitForReadyPackage();
+  Engine().PerformDownload(request);
+  request.reset();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(engine_->queue().IsRetryPending(IdOf(1)));
+    (engine_.get()->*c.handler)(c.state);
+    EXPECT_EQ(engine_->queue().IsRetryPending(IdOf(1)), !c.releases);
+    if (c.releases) {
+      engine_->PerformDownload(engine_->WaitForReadyPackage());  // fails again: waiting once more
+    }
+  }
+  EXPECT_EQ(log_->Count("Server state changed to 0x"), 2u);
+  EXPECT_TRUE(log_->Contains("QS server state changed to 0x00000008, retry downloads if needed"));
+  EXPECT_TRUE(log_->Contains("Network state changed to 0x00000004, retry downloads if needed"));
+  EXPECT_FALSE(log_->Contains("0x00000010, retry"));
+}
 
-  PackageManager idle(services_, WorkFolder(), downloader_);
-  idle.Start();
-  const auto idleStarted = std::chrono::steady_clock::now();
-  idle.Stop();
-  EXPECT_LT(std::chrono::steady_clock::now() - idleStarted, 2s);
+// What queuing decides about a resumed record reaches its document, even when
+// the status stays the same: the record is let go and read again before it is
+// downloaded.
+TEST_F(PackageManagerTest, QueuingAResumedUrgentPackageKeepsItsDeadlineStart) {
+  std::filesystem::create_directories(WorkFolder() / IdOf(1).ToString());
+  testing::WriteFile(WorkFolder() / IdOf(1).ToString() / "package.xml",
+                     Format("<Package id=\"%ls\" name=\"p\" version=\"1\" status=\"pending\" "
+                            "urgentDownload=\"true\" downloadStartSLA=\"60\"><Source/></Package>",
+                            IdOf(1).ToString()));
+  clock_->Advance(10 * kMinuteMs);
+  const FileTime queuedAt = clock_->Now();
+  Engine().ResumeDownloads();
+  clock_->Advance(30 * kMinuteMs);
+  std::shared_ptr<PackageRequest> request = engine_->WaitForReadyPackage();
+  ASSERT_TRUE(request);
+  EXPECT_EQ(request->SLAStartTime / kFileTimeTicksPerSecond, queuedAt / kFileTimeTicksPerSecond);
+  EXPECT_EQ(request->GetSlaRemainingMinutes(), 30u);
+}
+
+TEST_F(PackageManagerTest, AFailingDownloadMachineryFlushesTheQueueAndTheNextRequestRuns) {
+  ScriptedStep broken;
+  broken.throwFailure = true;
+  downloader_->Script(IdOf(1), {broken});
+  Queue(IdOf(1));
+  Queue(IdOf(2), 0, 100);
+  Engine().Start();
+  ASSERT_TRUE(AwaitLog("Error in Run (), flushing package queue: The download machinery failed (0x80004005)"));
+  ASSERT_TRUE(clock_->AwaitTimedWaiters(1));
+  EXPECT_EQ(engine_->queue().Size(), 0u);
+  EXPECT_EQ(OnDisk(IdOf(1)).first, PKGDLV_DOWNLOADING);
+  EXPECT_EQ(OnDisk(IdOf(2)).first, PKGDLV_PENDING);
+  clock_->Advance(PackageManager::kRunFailurePauseMs);
+  Queue(IdOf(2), 0, 100);
+  ASSERT_TRUE(downloader_->AwaitAttempts(2));
+  engine_->Stop();
+  EXPECT_EQ(AttemptIds(), (std::vector<Guid>{IdOf(1), IdOf(2)}));
+  EXPECT_EQ(OnDisk(IdOf(2)).first, PKGDLV_VALID);
+}
+
+TEST_F(PackageManagerTest, StopEndsAWaitAndARunningDownloadPromptlyAndLeavesTheDocumentConsistent) {
+  struct Case {
+    const char* name;
+    ScriptedStep step;
+    bool queue;
+    StatusText status;  // of package 1 after the stop; -1: never queued
+  } cases[] = {
+      {"during a download", {{}, true}, true, {PKGDLV_PENDING, "Package download suspended"}},
+      {"during a retry wait", Failure(), true, {PKGDLV_RETRYING, "Server unreachable"}},
+      {"waiting for a request", {}, false, {-1, ""}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::filesystem::remove_all(WorkFolder());
+    downloader_->SetDefault(c.step);
+    const size_t attemptsBefore = downloader_->Attempts().size();
+    if (c.queue) Queue(IdOf(1));
+    Engine().Start();
+    if (c.queue) {
+      ASSERT_TRUE(downloader_->AwaitAttempts(attemptsBefore + 1));
+    }
+    if (!c.step.holdUntilInterrupted) {
+      // The thread sleeps: on the retry time, or with no time-out at all.
+      std::this_thread::sleep_for(20ms);
+      ASSERT_EQ(clock_->AwaitTimedWaiters(1, 200), c.queue);
+    }
+    const auto started = std::chrono::steady_clock::now();
+    engine_->Stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 250ms);
+    EXPECT_EQ(OnDisk(IdOf(1)), c.status);
+    engine_.reset();
+  }
 }
 
 }  // namespace

@@ -28,6 +28,9 @@ struct ScriptedStep {
   // Block (in real time) until the stop event or an interruption, then report
   // outcome (a failure: its code is 0x80004004 when the script left it 0).
   bool holdUntilInterrupted = false;
+  // Throw (Error 0x80004005) instead of reporting: a failure of the engine's
+  // own machinery, not of the download.
+  bool throwFailure = false;
 };
 
 struct Attempt {
@@ -71,6 +74,7 @@ class ScriptedDownloader final : public PackageDownloader {
     }
     changed_.notify_all();
     if (hook) hook(id);
+    if (step.throwFailure) Throw(0x80004005, "The download machinery failed");
     if (step.holdUntilInterrupted) {
       Event::WaitAny({&stop, &transfer.InterruptedEvent()}, Event::kInfinite);
       if (step.outcome.code == 0) step.outcome.code = 0x80004004;
