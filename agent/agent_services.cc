@@ -16,6 +16,7 @@
 #include "agent/signing_keys.h"
 #include "agent/settings_store.h"
 #include "agent/volume_info.h"
+#include "transport/site_limits.h"
 #include "util/error.h"
 #include "util/paths.h"
 
@@ -44,6 +45,7 @@ AgentServices AgentServices::CreateDefault(const std::filesystem::path& data_fol
   services.signing_keys = std::make_shared<SigningKeys>(services.secure_store);
   services.network_addresses = NewSystemNetworkAddresses();
   services.volumes = NewLinuxVolumeInfo();
+  services.site_limits = NewSettingsSiteLimits(services.settings);
   return services;
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "cli/command_registry.h"
+#include "cli/source_location.h"
 #include "snapshot/snapshot.h"
 #include "transport/package_download.h"
 #include "util/atomic_file.h"
@@ -28,16 +29,6 @@ struct FetchArgs {
   std::string user;
   std::string passwordBase64;
 };
-
-// A local file or folder given as a native path takes the stored form the transport
-// opens ("/srv/pkg" becomes three backslashes, "srv", a backslash, "pkg");
-// URLs and UNC paths stay as given.
-std::string StoredSource(const std::string& source) {
-  if (!source.starts_with('/')) return source;
-  std::string stored = "\\\\" + source;
-  for (char& c : stored) c = c == '/' ? '\\' : c;
-  return stored;
-}
 
 void Fetch(const FetchArgs& args, Context& context) {
   std::optional<Guid> id = Guid::Parse(args.package);

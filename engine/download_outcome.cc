@@ -36,8 +36,9 @@ void PackageManager::PerformDownload(const std::shared_ptr<PackageRequest>& requ
     }
   }
   AttemptOutcome outcome;
+  DownloadContext engine{stop_, relocationRequested_, queue_, queueLock_, multicast_, *peers_};
   try {
-    outcome = downloader_->PerformDownload(*request, transfer, stop_);
+    outcome = downloader_->PerformDownload(*request, transfer, engine);
   } catch (...) {
     RecursiveLock lock(queueLock_);
     transfer_ = nullptr;
@@ -52,6 +53,7 @@ void PackageManager::PerformDownload(const std::shared_ptr<PackageRequest>& requ
     ApplyOutcome(*request, outcome, transfer);
   }
   Save(*request);
+  downloader_->CycleEnded(*request, outcome);
   if (outcome.code != 0) ResetIdentityAfterDecryptFailures();
 }
 

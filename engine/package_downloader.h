@@ -6,6 +6,7 @@
 
 #include <pkgdlv/result_codes.h>
 
+#include <mutex>
 #include <string>
 
 #include "util/event.h"
@@ -13,7 +14,10 @@
 
 namespace pkgdlv {
 
+class DownloadQueue;
+class MulticastEngine;
 class PackageRequest;
+class PeerDirectory;
 class TransferControl;
 
 // What one attempt reports to the run loop.
@@ -37,16 +41,36 @@ struct AttemptOutcome {
   bool countAttempt = true;
 };
 
+// What the engine lends an attempt, for the attempt's length. The queue is
+// touched only under queueLock, and never while the record's lock is held.
+struct DownloadContext {
+  Event& stop;                  // the agent stops: every step ends
+  Event& relocationRequested;   // a move of the work folder waits: downloads stop
+  DownloadQueue& queue;         // re-sorted by what the package still misses
+  std::recursive_mutex& queueLock;
+  MulticastEngine& multicast;
+  PeerDirectory& peers;
+};
+
 class PackageDownloader {
  public:
   virtual ~PackageDownloader() = default;
 
   // Runs one attempt for request (status downloading) on the engine thread.
-  // The attempt checks stop and transfer.InterruptedEvent() before every long
-  // step and ends promptly when either is set; it reports failures in the
-  // outcome rather than throwing (anything thrown is a failure of the run
-  // loop itself). The run loop saves "package.xml" afterwards.
-  virtual AttemptOutcome PerformDownload(PackageRequest& request, TransferControl& transfer, Event& stop) = 0;
+  // The attempt checks engine.stop and transfer.InterruptedEvent() before
+  // every long step and ends promptly when either is set; it reports failures
+  // in the outcome rather than throwing (anything thrown is a failure of the
+  // run loop itself). The run loop saves "package.xml" afterwards.
+  virtual AttemptOutcome PerformDownload(PackageRequest& request, TransferControl& transfer,
+                                         DownloadContext& engine) = 0;
+
+  // Called on the engine thread once the outcome is in the record and
+  // "package.xml" is saved: the attempt's closing lines and history. Nothing
+  // may escape it.
+  virtual void CycleEnded(PackageRequest& request, const AttemptOutcome& outcome) {
+    (void)request;
+    (void)outcome;
+  }
 };
 
 }  // namespace pkgdlv

@@ -2,11 +2,13 @@
 
 #include "agent/clock.h"
 #include "agent/logger.h"
+#include "agent/response_decryptor.h"
 #include "agent/server_profile.h"
 #include "records/package_request.h"
 #include "transport/server_backoff.h"
 #include "util/error.h"
 #include "util/format.h"
+#include "util/strings.h"
 
 namespace pkgdlv {
 
@@ -63,6 +65,20 @@ void PackageDownload::SetConnectionOptions(bool peer, uint32_t peerRateKBps, uin
     log().Log(loglevel::kTrace, kPackageDownloadLogComponent, "Downloading from peer. Limit bandwidth to: %d KBytes/sec",
               peerRateKBps);
   }
+}
+
+void PackageDownload::SetSourceCredentials(std::string_view user, std::string_view encryptedPassword) {
+  if (user.empty()) return;
+  if (!services_.decryptor) Throw(result::kNullPointer, "Invalid pointer");
+  std::string password = services_.decryptor->DecryptBase64String(encryptedPassword);
+  try {
+    transport().SetCredentials(user, password);
+  } catch (...) {
+    WipeString(password);
+    throw;
+  }
+  WipeString(password);
+  credentialsSet_ = true;
 }
 
 void PackageDownload::SetLastResult(Result code, std::string description) {

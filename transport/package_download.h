@@ -123,6 +123,11 @@ class PackageDownload {
   // Sets the options of ConnectionOptionRows on the network transport and
   // logs the peer limit for a peer download. Call after Prepare.
   void SetConnectionOptions(bool peer, uint32_t peerRateKBps, uint32_t loggingFlags);
+  // Decrypts the password (the agent's DecryptBase64String) and gives the
+  // source credentials to the network transport until Finish; the plain text
+  // is wiped. Nothing happens for an empty user. Throws Error when the
+  // password cannot be decrypted. Call after Prepare.
+  void SetSourceCredentials(std::string_view user, std::string_view encryptedPassword);
   // Keeps a failure as the last result.
   void SetLastResult(Result code, std::string description);
   // Records the transport's end state (unless cancelled) and drops the
@@ -150,7 +155,6 @@ class PackageDownload {
   void FetchSecurityData(const SnapshotQuery& query, const std::string& snapshotUrl, Snapshot& snapshot);
   bool TryListingFile(const SnapshotQuery& query, Snapshot& snapshot);
   void ListSourceDirectory(const SnapshotQuery& query, Snapshot& snapshot);
-  void SetSourceCredentials(const SnapshotQuery& query);
 
   void RecordServerError(std::string_view url);
   FileTime Now() const;

@@ -9,6 +9,19 @@
 #include "util/xml.h"
 
 namespace pkgdlv {
+namespace {
+
+// An error report: a root element with the error's number (hexadecimal) and,
+// perhaps, its text.
+void ThrowIfErrorReport(const xml::Node& root, const std::function<void()>& recordServerError) {
+  std::optional<std::string> number = root ? root.Attribute("number") : std::nullopt;
+  if (!number) return;
+  recordServerError();
+  Result code = ParseHex32(TrimAscii(*number)).value_or(result::kServerErrorUnparsable);
+  ThrowServerError(code, TrimAscii(root.Text()));
+}
+
+}  // namespace
 
 void ThrowServerError(Result number, std::string_view text) {
   if (!text.empty()) throw Error(number, std::string(text));
@@ -35,11 +48,12 @@ void CheckServerAnswer(std::string_view text, const std::function<void()>& recor
     recordServerError();
     throw Error(result::kFail, "Invalid XML returned by server. Root of the document is not found.");
   }
-  std::optional<std::string> number = root.Attribute("number");
-  if (!number) return;
-  recordServerError();
-  Result code = ParseHex32(TrimAscii(*number)).value_or(result::kServerErrorUnparsable);
-  ThrowServerError(code, TrimAscii(root.Text()));
+  ThrowIfErrorReport(root, recordServerError);
+}
+
+void CheckErrorReport(std::string_view text, const std::function<void()>& recordServerError) {
+  std::optional<xml::Document> document = xml::Document::TryParse(SkipByteOrderMark(text));
+  if (document) ThrowIfErrorReport(document->Root(), recordServerError);
 }
 
 bool IsServerBusyCode(Result code) {

@@ -26,6 +26,11 @@ namespace pkgdlv {
 // element can be read (both 0x80004005), or the server error of a report.
 void CheckServerAnswer(std::string_view text, const std::function<void()>& recordServerError);
 
+// Fails like CheckServerAnswer when text is an error report, after calling
+// recordServerError; any other text passes, empty or not XML included. For
+// answers that say nothing beyond whether the server refused.
+void CheckErrorReport(std::string_view text, const std::function<void()>& recordServerError);
+
 // True for the codes of a busy, not ready or paused server, which start or
 // prolong the back-off of package sources requests.
 bool IsServerBusyCode(Result code);

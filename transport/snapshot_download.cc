@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "agent/logger.h"
-#include "agent/response_decryptor.h"
 #include "records/package_request.h"
 #include "snapshot/snapshot.h"
 #include "snapshot/snapshot_builder.h"
@@ -69,7 +68,7 @@ bool PackageDownload::DownloadSnapshot(const SnapshotQuery& query, Snapshot& sna
   }
   try {
     SetConnectionOptions(query.peerDownload, query.peerRateKBps, 0);
-    SetSourceCredentials(query);
+    SetSourceCredentials(query.user, query.encryptedPassword);
     if (!query.snapshotUrl.empty()) {
       FetchSnapshot(query, query.snapshotUrl, snapshot);
     } else if (query.sourceDirectory.empty()) {
@@ -87,20 +86,6 @@ bool PackageDownload::DownloadSnapshot(const SnapshotQuery& query, Snapshot& sna
   }
   Finish();
   return LastResult() == result::kOk;
-}
-
-void PackageDownload::SetSourceCredentials(const SnapshotQuery& query) {
-  if (query.user.empty()) return;
-  if (!services_.decryptor) Throw(result::kNullPointer, "Invalid pointer");
-  std::string password = services_.decryptor->DecryptBase64String(query.encryptedPassword);
-  try {
-    transport().SetCredentials(query.user, password);
-  } catch (...) {
-    WipeString(password);
-    throw;
-  }
-  WipeString(password);
-  credentialsSet_ = true;
 }
 
 void PackageDownload::FetchSnapshot(const SnapshotQuery& query, const std::string& url, Snapshot& snapshot) {

@@ -23,6 +23,7 @@ class ConnectionSenderLookup;
 class SigningKeys;
 class NetworkAddresses;
 class VolumeInfo;
+class SiteLimits;
 
 struct AgentServices {
   std::filesystem::path data_folder;        // the agent's data folder
@@ -40,6 +41,7 @@ struct AgentServices {
   std::shared_ptr<SigningKeys> signing_keys;                  // keys that sign binary server responses
   std::shared_ptr<NetworkAddresses> network_addresses;        // the computer's IPv4 addresses
   std::shared_ptr<VolumeInfo> volumes;  // file system, fixed drive, free space of a folder
+  std::shared_ptr<SiteLimits> site_limits;  // site outbound limits and the site transfer server URL
 
   // The real services over a data folder (created when missing): the system
   // clock, "settings.db", the agent log in "log" and OpenSSL crypto. Throws Error when the

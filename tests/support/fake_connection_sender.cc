@@ -31,8 +31,14 @@ class FakeSenderRequest final : public ConnectionSenderRequest {
       : sender_(std::move(sender)), request_(std::move(request)) {}
   void SetBody(std::span<const uint8_t> body) override { request_.body.assign(body.begin(), body.end()); }
   std::unique_ptr<ConnectionSenderResponse> Send() override {
+    std::function<void()> hook;
+    {
+      std::lock_guard lock(sender_->mutex_);
+      sender_->sent_.push_back(request_);
+      hook = sender_->onSend_;
+    }
+    if (hook) hook();
     std::lock_guard lock(sender_->mutex_);
-    sender_->sent_.push_back(request_);
     return std::make_unique<FakeSenderResponse>(sender_->response_);
   }
 
@@ -44,6 +50,11 @@ class FakeSenderRequest final : public ConnectionSenderRequest {
 void FakeConnectionSender::SetResponse(ScriptedSenderResponse response) {
   std::lock_guard lock(mutex_);
   response_ = std::move(response);
+}
+
+void FakeConnectionSender::SetOnSend(std::function<void()> hook) {
+  std::lock_guard lock(mutex_);
+  onSend_ = std::move(hook);
 }
 
 std::vector<SentRequest> FakeConnectionSender::Sent() {

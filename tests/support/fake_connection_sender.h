@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -28,6 +29,10 @@ class FakeConnectionSender final : public ConnectionSender,
                                    public std::enable_shared_from_this<FakeConnectionSender> {
  public:
   void SetResponse(ScriptedSenderResponse response);
+  // Called by every Send after the request is recorded and before it is
+  // answered, on the sending thread, without the sender's lock: a hook that
+  // blocks holds the request "at the server".
+  void SetOnSend(std::function<void()> hook);
   std::vector<SentRequest> Sent();
 
   std::unique_ptr<ConnectionSenderRequest> CreateRequest(const TLXFrame::EndPoint& endpoint) override;
@@ -36,6 +41,7 @@ class FakeConnectionSender final : public ConnectionSender,
   friend class FakeSenderRequest;
   std::mutex mutex_;
   ScriptedSenderResponse response_;
+  std::function<void()> onSend_;
   std::vector<SentRequest> sent_;
 };
 

@@ -85,8 +85,11 @@ void HttpTestServer::State::Handle(const httplib::Request& request, httplib::Res
   bool found = false;
   {
     std::lock_guard lock(mutex);
-    RecordedRequest recorded{request.method, request.path, request.body, {}};
+    RecordedRequest recorded{request.method, request.path, request.body, {}, {}};
     for (const auto& [name, value] : request.headers) recorded.headers.emplace_back(name, value);
+    if (size_t mark = request.target.find('?'); mark != std::string::npos) {
+      recorded.query = httplib::detail::decode_url(request.target.substr(mark + 1), false);
+    }
     requests.push_back(std::move(recorded));
     if (auto it = routes.find(request.path); it != routes.end()) {
       route = it->second;

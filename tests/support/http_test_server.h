@@ -34,6 +34,7 @@ struct RecordedRequest {
   std::string path;
   std::string body;
   std::vector<std::pair<std::string, std::string>> headers;
+  std::string query;  // what follows "?" in the request target, percent-decoded; empty when none
   std::string Header(std::string_view name) const;  // case-insensitive; empty when absent
 };
 

@@ -56,7 +56,9 @@ class ScriptedDownloader final : public PackageDownloader {
     hook_ = std::move(hook);
   }
 
-  AttemptOutcome PerformDownload(PackageRequest& request, TransferControl& transfer, Event& stop) override {
+  AttemptOutcome PerformDownload(PackageRequest& request, TransferControl& transfer,
+                                 DownloadContext& engine) override {
+    Event& stop = engine.stop;
     const Guid id = request.id();
     ScriptedStep step;
     std::function<void(const Guid&)> hook;

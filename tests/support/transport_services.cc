@@ -6,6 +6,7 @@
 #include "agent/secure_store.h"
 #include "agent/server_profile.h"
 #include "agent/signing_keys.h"
+#include "transport/site_limits.h"
 
 namespace pkgdlv::testing {
 
@@ -24,6 +25,7 @@ TransportServices::TransportServices()
   services.decryptor = NewDefaultResponseDecryptor();
   services.signing_keys = std::make_shared<SigningKeys>(services.secure_store);
   services.network_addresses = std::make_shared<FixedNetworkAddresses>(std::vector<std::string>{"10.1.2.3"});
+  services.site_limits = NewSettingsSiteLimits(settings);
 }
 
 }  // namespace pkgdlv::testing

@@ -1,8 +1,8 @@
 // An agent service bundle for transport tests: a fake clock, a recording
 // logger, settings in memory, OpenSSL crypto, the libcurl transport, a
 // memory server profile, the default decryptor, signing keys in a secure
-// store of a temporary folder, and fixed IPv4 addresses. No connection
-// sender unless a test installs one.
+// store of a temporary folder, fixed IPv4 addresses, and site limits from the
+// settings. No connection sender unless a test installs one.
 #pragma once
 
 #include <memory>

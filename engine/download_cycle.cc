@@ -1,0 +1,315 @@
+// The cycle's frame: the begin and end lines with the history record, the
+// package's sources, the stored snapshot, and the passes from server choice
+// to matching files. The steps of one pass are in download_cycle_steps.cc.
+#include "engine/download_cycle.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+
+#include "agent/clock.h"
+#include "agent/logger.h"
+#include "agent/server_profile.h"
+#include "engine/download_cycle_state.h"
+#include "engine/download_queue.h"
+#include "engine/peer_directory.h"
+#include "engine/server_selection.h"
+#include "engine/transfer_control.h"
+#include "records/delivery_settings.h"
+#include "snapshot/snapshot_file.h"
+#include "transport/server_answer.h"
+#include "util/error.h"
+#include "util/strings.h"
+
+namespace pkgdlv {
+
+namespace {
+
+constexpr std::string_view kComponent = "PackageManager";
+constexpr Result kStandardException = 0xE06D7363;
+
+std::string ComputerName() {
+  char name[256] = {};
+  if (gethostname(name, sizeof name - 1) != 0) return "localhost";
+  return name;
+}
+
+// Seconds spent in the package's earlier cycles, and in the failed ones, for
+// the Quillon Server's view of the download.
+void HistoryTimes(const PackageLog& history, uint32_t& total, uint32_t& failing) {
+  uint64_t all = 0, failed = 0;
+  for (const DownloadRecord& record : history.entries) {
+    if (record.endTime <= record.startTime) continue;
+    const uint64_t seconds = (record.endTime - record.startTime) / kFileTimeTicksPerSecond;
+    all += seconds;
+    if (record.result != 0) failed += seconds;
+  }
+  total = static_cast<uint32_t>(std::min<uint64_t>(all, UINT32_MAX));
+  failing = static_cast<uint32_t>(std::min<uint64_t>(failed, UINT32_MAX));
+}
+
+}  // namespace
+
+DownloadCycle::DownloadCycle(const AgentServices& services, std::shared_ptr<SiteLimits> siteLimits,
+                             DownloadEvents* events)
+    : services_(services),
+      settings_(std::make_unique<DeliverySettings>(*services.settings, *services.log)),
+      siteLimits_(std::move(siteLimits)),
+      download_(services),
+      blocks_(download_, siteLimits_, events, [this](const DynamicBitset&) { SaveProgress(); }) {}
+
+// The block download stores its progress: the record is written, so that a
+// restart finds the package as it is now. The blocks themselves are found
+// again in the files (their written ranges) by the next update list.
+void DownloadCycle::SaveProgress() {
+  if (!cycle_ || cycle_->folder.empty()) return;
+  cycle_->request.Save(PackageRequest::DocumentPath(cycle_->folder));
+}
+
+DownloadCycle::~DownloadCycle() = default;
+
+AttemptOutcome DownloadCycle::PerformDownload(PackageRequest& request, TransferControl& transfer,
+                                              DownloadContext& engine) {
+  Cycle cycle{request, transfer, engine};
+  bool locallyManaged = false;
+  {
+    auto lock = request.Lock();
+    cycle.id = request.id();
+    cycle.name = request.name;
+    cycle.folder = request.packageFolder();
+    locallyManaged = request.IsLocallyManaged();
+  }
+  queue_ = &engine.queue;
+  queueLock_ = &engine.queueLock;
+  if (previousPackage_ != cycle.id) {
+    previousPackage_ = cycle.id;
+    previousDownloaded_ = 0;
+  }
+  BeginLine(request);
+  AttemptOutcome outcome;
+  // A package kept in a folder of its own is complete by definition: the
+  // engine marks it valid without any network access.
+  if (locallyManaged) return outcome;
+
+  cycle_ = &cycle;
+  transfer.SetAbortHook([this] { download_.Cancel(); });
+  try {
+    CheckStopAndRelocation(cycle, "Agent is stopping, skip package download.");
+    ObtainSources(cycle);
+    LoadStoredSnapshot(request);
+    bool remote = false;
+    {
+      auto lock = request.Lock();
+      remote = request.remote;
+    }
+    if (!remote) {
+      if (engine.peers.State() != PeerDirectory::kRunningState) {
+        services_.log->Log(loglevel::kInfo, kComponent, "DHT engine is not running. Skip peer activity.");
+      }
+      RunPasses(cycle);
+    }
+  } catch (const Error& error) {
+    cycle.code = error.code();
+    cycle.description = error.description();
+  } catch (const std::exception& error) {
+    cycle.code = kStandardException;
+    cycle.description = Format("PerformDownload (): %hs", std::string(error.what()));
+  } catch (...) {
+    services_.log->Log(loglevel::kError, kComponent, "Unexpected error while downloading package");
+    cycle.code = result::kFail;
+    cycle.description = "PerformDownload (): Unknown error";
+  }
+  transfer.SetAbortHook(nullptr);
+  cycle_ = nullptr;
+
+  const uint64_t downloaded = blocks_.statistics().downloaded;
+  outcome.code = cycle.code;
+  outcome.description = cycle.description;
+  outcome.sourcesObtained = cycle.sourcesObtained;
+  outcome.progressMade = downloaded > previousDownloaded_;
+  outcome.busyUntil = cycle.busyUntil;
+  if (cycle.code != 0) previousDownloaded_ = downloaded;
+  return outcome;
+}
+
+void DownloadCycle::BeginLine(PackageRequest& request) {
+  bool disabled = false;
+  uint32_t version = 0;
+  {
+    auto lock = request.Lock();
+    disabled = request.clientDownloadsDisabled;
+    version = static_cast<uint32_t>(request.version());
+    record_ = DownloadRecord{};
+    record_.packageSize = request.GetSize();
+  }
+  record_.version = version;
+  record_.startTime = services_.clock->Now();
+  services_.log->Log(loglevel::kInfo, kComponent, "Begin download for package: %ls %ls%ls", request.name,
+                     request.id().ToString(), disabled ? " (clientDownloadsDisabled)" : "");
+}
+
+void DownloadCycle::CycleEnded(PackageRequest& request, const AttemptOutcome& outcome) {
+  try {
+    std::string name, status, folder;
+    const Guid id = request.id();
+    {
+      auto lock = request.Lock();
+      name = request.name;
+      folder = request.packageFolder();
+      status = request.IsLocallyManaged() ? "" : request.statusDescription;
+      record_.status = request.status();
+      record_.statusDescr = request.statusDescription;
+    }
+    const AttemptStatistics& stats = blocks_.statistics();
+    const bool transferred = previousPackage_ == id && !request.IsLocallyManaged();
+    record_.endTime = services_.clock->Now();
+    record_.result = outcome.code;
+    record_.transferBytes = transferred ? stats.downloaded : 0;
+    record_.transferRate = transferred ? static_cast<uint32_t>(std::min<uint64_t>(stats.attemptRate, UINT32_MAX)) : 0;
+    record_.transferCache = transferred ? stats.cacheBytes : 0;
+    if (queue_ && queueLock_) {
+      std::lock_guard lock(*queueLock_);
+      record_.nextRetry = queue_->GetNextAttemptTime(id).value_or(0);
+    }
+    services_.log->Log(loglevel::kInfo, kComponent,
+                       "End download for package: %ls %ls. Status: %ls. Downloaded %I64d bytes at %d bytes per "
+                       "second, used %I64d bytes from cache",
+                       name, id.ToString(), status, static_cast<int64_t>(record_.transferBytes),
+                       static_cast<int>(record_.transferRate), static_cast<int64_t>(record_.transferCache));
+    if (folder.empty()) return;
+    PackageLog history(*services_.log, *settings_);
+    try {
+      history.LoadFromFolder(folder);
+    } catch (const Error&) {
+      history.totals = {};  // a damaged history starts again
+      history.entries.clear();
+    }
+    history.totals.id = id.ToString();
+    history.RecordCycle(record_);
+    history.SaveToFolder(folder);
+  } catch (...) {
+    Failure failure = CurrentFailure();
+    services_.log->Log(loglevel::kWarning, kComponent, "Failed to save the download history: %ls (0x%08X)",
+                       failure.description, failure.code);
+  }
+}
+
+void DownloadCycle::ObtainSources(Cycle& cycle) {
+  PackageInfoQuery query;
+  query.packageId = cycle.id;
+  {
+    auto lock = cycle.request.Lock();
+    query.url = cycle.request.siteQueryUrl;
+    query.resource = cycle.request.siteQueryResource;
+    query.requestType = cycle.request.siteQueryType;
+    // An urgent package may fall back to the Quillon Server's own sources.
+    query.requestCodebases = cycle.request.urgentDownload;
+  }
+  // A request that names no site query brought its sources with it.
+  if (query.url.empty()) return;
+  if (!cycle.folder.empty()) {
+    PackageLog history(*services_.log, *settings_);
+    try {
+      history.LoadFromFolder(cycle.folder);
+    } catch (const Error&) {
+    }
+    HistoryTimes(history, query.totalTime, query.totalFailureTime);
+  }
+
+  std::string answer;
+  if (!download_.GetPackageInfo(query, answer)) {
+    const Result code = download_.LastResult();
+    if (IsServerBusyCode(code)) cycle.busyUntil = download_.NextAllowedTime();
+    Throw(code, "%ls", download_.LastDescription());
+  }
+  cycle.sourcesObtained = true;
+  const bool applied = cycle.request.ApplySourcesResponse(answer);
+  WipeString(answer);
+  if (!applied) Throw(result::kFail, "Invalid response from server");
+
+  auto lock = cycle.request.Lock();
+  if (cycle.request.codebases.empty()) {
+    services_.log->Log(loglevel::kWarning, kComponent, "WARNING: No package sources returned by server");
+  }
+  if (!cycle.request.optionalHashCheck() && cycle.request.sourceKey.empty()) {
+    services_.log->Log(loglevel::kWarning, kComponent,
+                       "Security key for package validation is required, but does not exist. Future package "
+                       "validation & processing is not possible.");
+  }
+}
+
+void DownloadCycle::LoadStoredSnapshot(PackageRequest& request) {
+  auto lock = request.Lock();
+  Snapshot& snapshot = request.snapshot();
+  const std::string folder = request.packageFolder();
+  if (folder.empty() || LoadSnapshotFromFolder(snapshot, folder, request.id())) return;
+  // Nothing usable is stored: the cycle starts from an empty snapshot.
+  const Guid id = request.id();
+  snapshot.Reset();
+  snapshot.id = id;
+  snapshot.path = folder;
+}
+
+void DownloadCycle::RunPasses(Cycle& cycle) {
+  std::vector<CodebaseEntry> tried;
+  std::vector<std::string> badServers;
+  while (!RunOnePass(cycle, tried, badServers)) {
+  }
+}
+
+// One pass from the server choice to matching files. True when the files
+// match the snapshot; false to go round again with another server.
+bool DownloadCycle::RunOnePass(Cycle& cycle, std::vector<CodebaseEntry>& tried, std::vector<std::string>& badServers) {
+  Logger& log = *services_.log;
+  ThrowIfInterrupted(cycle);
+  if (!services_.server_profile) Throw(result::kNullPointer, "Invalid pointer");
+  ServerSelector selector(log, *services_.server_profile, ComputerName(), cycle.engine.stop);
+  const ServerSelection server = selector.ChooseForPass(cycle.request, tried, {}, badServers, cycle.engine.queueLock);
+  record_.source = server.location;
+
+  GetUpdateList(cycle, &server, false);
+  if (cycle.FilesToUpdate() == 0) return true;
+  CheckFreeSpace(cycle);
+  DownloadFiles(cycle, server, true);
+  if (cycle.transfer.IsCancelled()) {
+    log.Log(loglevel::kInfo, kComponent, "Package download has been cancelled, Package %s", cycle.id.ToString());
+    Throw(result::kCancelled, "Package download cancelled");
+  }
+
+  // A check, and one repair of what still differs.
+  GetUpdateList(cycle, nullptr, false);
+  if (const size_t differing = cycle.FilesToUpdate(); differing != 0) {
+    log.Log(loglevel::kWarning, kComponent, "The %d file(s) do not match the snapshot, download these files again",
+            static_cast<int>(differing));
+    DownloadFiles(cycle, server, false);
+  }
+  GetUpdateList(cycle, nullptr, false);
+  if (cycle.FilesToUpdate() == 0) return true;
+  log.Log(loglevel::kWarning, kComponent, "Package files do not match the package snapshot.");
+  if (cycle.engine.stop.IsSet()) Throw(result::kFail, "%ls", cycle.folder);
+  return false;
+}
+
+void DownloadCycle::CheckStopAndRelocation(Cycle& cycle, std::string_view stopText) {
+  if (cycle.engine.stop.IsSet()) Throw(result::kAborted, "%ls", stopText);
+  if (cycle.engine.relocationRequested.IsSet()) {
+    Throw(result::kAborted, "The Work Folder relocation is requested, downloads are suspended.");
+  }
+}
+
+void DownloadCycle::ThrowIfInterrupted(Cycle& cycle) {
+  CheckStopAndRelocation(cycle, "Agent is stopping, skip package download.");
+  switch (cycle.transfer.Reason()) {
+    case kNotInterrupted:
+      return;
+    case kInterruptPreempted:
+      Throw(kPackageSuspended, "Package suspended");
+    case kInterruptSuspended:
+      Throw(result::kAborted, "Package download suspended");
+    default:
+      Throw(result::kCancelled, "Package download cancelled");
+  }
+}
+
+}  // namespace pkgdlv

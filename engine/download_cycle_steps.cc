@@ -1,0 +1,282 @@
+// The steps of one pass of a download cycle: the snapshot and the files still
+// to fetch, the yield to a more urgent package, the free-space check and the
+// transfer of the files.
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include "agent/logger.h"
+#include "agent/volume_info.h"
+#include "engine/download_cycle.h"
+#include "engine/download_cycle_state.h"
+#include "engine/download_queue.h"
+#include "engine/server_selection.h"
+#include "multicast/multicast_core.h"
+#include "multicast/multicast_engine.h"
+#include "records/delivery_settings.h"
+#include "snapshot/file_operations.h"
+#include "snapshot/validation.h"
+#include "transport/url_parts.h"
+#include "util/atomic_file.h"
+#include "util/error.h"
+#include "util/strings.h"
+
+namespace fs = std::filesystem;
+
+namespace pkgdlv {
+
+namespace {
+
+constexpr std::string_view kComponent = "PackageManager";
+constexpr std::string_view kPackageServersQuery = "packageServers";
+constexpr std::string_view kQuillonSnapshotPage = "GetPackageSnapshot.aspx";
+
+uint64_t TotalSize(const Snapshot& files) {
+  uint64_t total = 0;
+  for (const SnapshotEntry& entry : files.entries) {
+    if (entry.IsFile() && entry.size > 0) total += static_cast<uint64_t>(entry.size);
+  }
+  return total;
+}
+
+// A package whose remaining files are all present already, only partly or
+// with other contents, is being repaired rather than fetched; it keeps its
+// place even when another package took the front of the queue.
+bool IsRepairOnly(const Snapshot& updateList) {
+  for (const SnapshotEntry& entry : updateList.entries) {
+    if (!entry.IsFile()) continue;
+    if (entry.size < 0 || entry.lastModified == 0 || entry.validBytes <= 0) return false;
+  }
+  return true;
+}
+
+// The files of the old snapshot that the new one no longer names.
+Snapshot RemovedFiles(const Snapshot& old, const Snapshot& fresh) {
+  Snapshot removed;
+  removed.path = fresh.path;
+  for (const SnapshotEntry& entry : old.entries) {
+    if (entry.IsFile() && !fresh.FindEntry(entry.folder, entry.name)) removed.entries.push_back(entry);
+  }
+  return removed;
+}
+
+}  // namespace
+
+void DownloadCycle::GetUpdateList(Cycle& cycle, const ServerSelection* server, bool force) {
+  if (cycle.engine.relocationRequested.IsSet()) {
+    Throw(result::kAborted, "The Work Folder relocation is requested, downloads are suspended.");
+  }
+  bool keep = false;
+  {
+    std::lock_guard queueLock(cycle.engine.queueLock);
+    auto lock = cycle.request.Lock();
+    keep = !force && cycle.request.IsSnapshotValid(true);
+  }
+  if (!keep && server) {
+    bool downloadsDisabled = false;
+    int32_t required = 0;
+    std::string siteQueryType, siteQueryUrl;
+    bool heldHasSecurityData = false;
+    {
+      auto lock = cycle.request.Lock();
+      downloadsDisabled = cycle.request.clientDownloadsDisabled;
+      required = cycle.request.version();
+      siteQueryType = cycle.request.siteQueryType;
+      siteQueryUrl = cycle.request.siteQueryUrl;
+      heldHasSecurityData = !cycle.request.snapshot().signature.empty();
+    }
+    Snapshot received(services_.log);
+    received.path = cycle.folder;
+    bool got = false;
+    if (!downloadsDisabled) {
+      FetchSnapshot(cycle, *server, received);
+      got = true;
+    }
+    // A snapshot without security data comes from an older package server:
+    // the Quillon Server itself has the current one, with its signature.
+    const bool legacy = got ? received.signature.empty() : !heldHasSecurityData;
+    if (EqualsNoCase(siteQueryType, kPackageServersQuery) && legacy && !siteQueryUrl.empty()) {
+      services_.log->Log(loglevel::kInfo, kComponent,
+                         "GetUpdateList: Received/existing snapshot is in legacy format. Request the latest snapshot "
+                         "with security information from QS directly.");
+      ServerSelection quillon;
+      quillon.snapshotLocation = SiblingLocation(siteQueryUrl, kQuillonSnapshotPage);
+      received = Snapshot(services_.log);
+      received.path = cycle.folder;
+      FetchSnapshot(cycle, quillon, received);
+      got = true;
+    }
+    const int32_t version = got ? static_cast<int32_t>(received.version) : 0;
+    if (version < required) {
+      Throw(result::kFail, "The version of the package on the server(%d) is older than required(%d)", version,
+            required);
+    }
+    if (got) AdoptSnapshot(cycle, received);
+  }
+  ComputeUpdateList(cycle);
+  YieldIfOvertaken(cycle);
+}
+
+void DownloadCycle::FetchSnapshot(Cycle& cycle, const ServerSelection& server, Snapshot& received) {
+  ThrowIfInterrupted(cycle);
+  SnapshotQuery query;
+  query.packageId = cycle.id;
+  query.sourceDirectory = server.location;
+  query.snapshotUrl = server.snapshotLocation;
+  {
+    auto lock = cycle.request.Lock();
+    query.resource = cycle.request.siteQueryResource;
+    query.version = cycle.request.version();
+    query.user = cycle.request.UserAccessName;
+    query.encryptedPassword = cycle.request.UserAccessPassword();
+    query.securityDataOptional = cycle.request.optionalHashCheck();
+    query.securityDataRequired = !query.securityDataOptional;
+  }
+  const bool fetched = download_.DownloadSnapshot(query, received);
+  WipeString(query.encryptedPassword);
+  if (!fetched) Throw(download_.LastResult(), "%ls", download_.LastDescription());
+}
+
+// The received snapshot replaces the one held: its signature must check,
+// files it no longer names go, and it is saved as the package's own.
+void DownloadCycle::AdoptSnapshot(Cycle& cycle, Snapshot& received) {
+  received.path = cycle.folder;
+  received.id = cycle.id;
+  auto lock = cycle.request.Lock();
+  if (!cycle.request.CheckSnapshotSignature(received)) {
+    Throw(result::kFail, "The snapshot received does not correspond the signature.");
+  }
+  Snapshot removed = RemovedFiles(cycle.request.snapshot(), received);
+  if (!removed.entries.empty()) {
+    services_.log->Log(loglevel::kInfo, kComponent, "Deleting %d files removed from the package",
+                       static_cast<int>(removed.entries.size()));
+    DeleteInvalidFiles(removed, false);
+  }
+  fs::create_directories(cycle.folder);
+  const fs::path snapshotFile = fs::path(cycle.folder) / kSnapshotFileName;
+  // A snapshot read from a document is kept byte for byte (its signature
+  // covers those bytes); one built from a folder listing is composed.
+  if (received.signedData.empty()) WriteFileAtomically(snapshotFile, received.ComposeDocumentFile());
+  if (!received.SaveSecurityData(snapshotFile)) {
+    Throw(result::kFail, "Failed to save the snapshot of package '%ls'", cycle.id.ToString());
+  }
+  cycle.request.snapshot() = std::move(received);
+}
+
+void DownloadCycle::ComputeUpdateList(Cycle& cycle) {
+  std::optional<VolumeDetails> volume;
+  if (services_.volumes && !cycle.folder.empty() && fs::exists(cycle.folder)) {
+    volume = services_.volumes->Query(cycle.folder);
+  }
+  Snapshot updateList;
+  DynamicBitset good;
+  int32_t priority = 0;
+  {
+    auto lock = cycle.request.Lock();
+    priority = cycle.request.priority;
+    Validator validator;
+    UpdateListOptions options;
+    options.skipHash = cycle.request.clientDownloadsDisabled;
+    options.strictTime = volume && volume->exactTimes;
+    validator.GetUpdateList(cycle.request.snapshot(), updateList, &good, options);
+  }
+  cycle.missingBytes = TotalSize(updateList);
+  cycle.updateList = std::move(updateList);
+  cycle.good = std::move(good);
+  std::lock_guard queueLock(cycle.engine.queueLock);
+  cycle.engine.queue.SetPriority(cycle.id, priority, static_cast<int64_t>(std::min<uint64_t>(cycle.missingBytes, static_cast<uint64_t>(INT64_MAX))));
+}
+
+void DownloadCycle::YieldIfOvertaken(Cycle& cycle) {
+  if (cycle.FilesToUpdate() == 0 || cycle.missingBytes <= kYieldThresholdBytes) return;
+  Guid front;
+  {
+    std::lock_guard queueLock(cycle.engine.queueLock);
+    front = cycle.engine.queue.Front();
+  }
+  if (front.IsNull() || front == cycle.id || IsRepairOnly(cycle.updateList)) return;
+  cycle.transfer.Interrupt(kInterruptPreempted);
+  services_.log->Log(loglevel::kTrace, kComponent, "GetUpdateList: Package '%s' was preempted by package '%s'",
+                     cycle.id.ToString(), front.ToString());
+  Throw(kPackageSuspended, "Package suspended");
+}
+
+void DownloadCycle::CheckFreeSpace(Cycle& cycle) {
+  if (!services_.volumes) return;
+  fs::path existing = cycle.folder;
+  while (!existing.empty() && !fs::exists(existing)) existing = existing.parent_path();
+  if (existing.empty()) return;
+  std::optional<VolumeDetails> volume = services_.volumes->Query(existing);
+  if (!volume || !volume->fixedDrive) return;
+  const uint64_t need = cycle.missingBytes * 6 / 5 + settings_->MinDiskFreeSpaceBytes();
+  if (volume->freeBytes >= need) return;
+  // Linux has no further drives to try: the package stays in the work folder.
+  services_.log->Log(loglevel::kError, kComponent, "Cannot download the package, there is not enough space on the disk");
+  Throw(result::kDiskFull, "There is not enough space on the disk");
+}
+
+void DownloadCycle::DownloadFiles(Cycle& cycle, const ServerSelection& server, bool multicastAllowed) {
+  Logger& log = *services_.log;
+  CheckStopAndRelocation(cycle, "Agent is stopping, skip downloading the files.");
+  const std::string label = cycle.Label();
+  if (multicastAllowed) {
+    bool enabled = false;
+    {
+      auto lock = cycle.request.Lock();
+      enabled = cycle.request.enableMulticast;
+    }
+    if (!enabled) {
+      log.Log(loglevel::kTrace, kComponent,
+              "DownloadFiles: Multicast not attempted, multicast download is not enabled for package %s", label);
+    } else {
+      log.Log(loglevel::kTrace, kComponent, "DownloadFiles: Trying to download the package files (using Multicast) (%s)",
+              label);
+      const int multicast = cycle.engine.multicast.Download_Try(cycle.id, cycle.missingBytes);
+      if (!cycle.transfer.IsCancelled()) {
+        if (multicast == kMulticastReceived) return;
+        if (multicast != kMulticastNothing && multicast != kMulticastNotAttempted) ComputeUpdateList(cycle);
+        log.Log(loglevel::kTrace, kComponent, "DownloadFiles: Multicast download has failed (%s)", label);
+        CheckStopAndRelocation(cycle, "Agent is stopping, skip downloading the files.");
+      }
+    }
+  }
+  if (cycle.transfer.Reason() == kInterruptCancelled) {
+    log.Log(loglevel::kTrace, kComponent, "DownloadFiles: Package download has canceled (%s)", label);
+    return;
+  }
+  if (cycle.transfer.Reason() == kInterruptPreempted) {
+    Guid front;
+    {
+      std::lock_guard queueLock(cycle.engine.queueLock);
+      front = cycle.engine.queue.Front();
+    }
+    log.Log(loglevel::kTrace, kComponent, "DownloadFiles: Package '%s' was preempted by package '%s'",
+            cycle.id.ToString(), front.ToString());
+    Throw(kPackageSuspended, "Package suspended");
+  }
+  log.Log(loglevel::kTrace, kComponent, "DownloadFiles: Trying to download the package files (not using Multicast) (%s)",
+          label);
+
+  // The block download works on a copy of the snapshot, so that the record's
+  // lock is not held for the length of the transfer.
+  Snapshot working;
+  AttemptInput input;
+  {
+    auto lock = cycle.request.Lock();
+    working = cycle.request.snapshot();
+    input.user = cycle.request.UserAccessName;
+    input.encryptedPassword = cycle.request.UserAccessPassword();
+    input.packageSize = cycle.request.GetSize();
+  }
+  input.package = &cycle.request;
+  input.snapshot = &working;
+  input.updateList = &cycle.updateList;
+  input.localMap = &cycle.good;
+  input.sourceUrl = server.location;
+  const Result code = blocks_.DownloadAttempt(input);
+  WipeString(input.encryptedPassword);
+  if (code != 0) Throw(code, "%ls", download_.LastDescription());
+}
+
+}  // namespace pkgdlv

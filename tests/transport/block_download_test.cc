@@ -1,0 +1,346 @@
+// Block-range downloads from real servers on 127.0.0.1 (nginx serving the
+// package folder, an in-process server for requests, redirects and faults)
+// and from a local folder: complete downloads byte for byte, blocks the
+// local map already has, faults that end a file, a moved source, a cancel
+// from another thread, hostile names and the site reservation.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <map>
+#include <thread>
+
+#include "block_test_support.h"
+#include "support/http_test_server.h"
+#include "support/nginx_server.h"
+#include "support/transport_services.h"
+#include "transport/site_limits.h"
+
+namespace pkgdlv {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::AttemptRunner;
+using testing::BlockPackage;
+using testing::HttpFault;
+using testing::HttpTestServer;
+using testing::kBlock;
+using testing::PatternBytes;
+using testing::ReadFile;
+using testing::UrlPath;
+using testing::WriteFile;
+
+constexpr uint64_t kPackageBytes = 10240 + 3 * kBlock + 100;
+
+// Blocks 0-2 a.bin (the last one half), 3-5 c.bin, 6 sub\b.txt; empty.dat
+// has none.
+BlockPackage::Files StandardFiles() {
+  return {{"a.bin", PatternBytes(10240, 1)},
+          {"c.bin", PatternBytes(3 * kBlock, 2)},
+          {"empty.dat", ""},
+          {"sub\\b.txt", PatternBytes(100, 3)}};
+}
+
+void ExpectTargetMatches(const BlockPackage& package) {
+  for (const auto& [path, content] : package.files()) {
+    const fs::path file = package.target / UrlPath(path);
+    EXPECT_TRUE(ReadFile(file) == content) << path << " differs from the source";
+    struct stat info {};
+    ASSERT_EQ(::stat(file.c_str(), &info), 0) << path;
+    EXPECT_TRUE(SameSecond(FileTimeFromTimespec(info.st_mtim), package.Entry(path).lastModified)) << path;
+  }
+}
+
+template <class Set>
+HttpFault Fault(Set set) {
+  HttpFault fault;
+  set(fault);
+  return fault;
+}
+
+// The Range headers each path was asked for, in order.
+std::map<std::string, std::vector<std::string>> RangesAsked(const HttpTestServer& server) {
+  std::map<std::string, std::vector<std::string>> ranges;
+  for (const auto& request : server.Requests()) ranges[request.path].push_back(request.Header("Range"));
+  return ranges;
+}
+
+class BlockDownloadTest : public ::testing::Test {
+ protected:
+  void Serve(const std::string& prefix) {
+    for (const auto& [path, content] : package_.files()) server_.AddFile(prefix + UrlPath(path), content);
+  }
+
+  testing::TransportServices env_;
+  BlockPackage package_{StandardFiles()};
+  HttpTestServer server_;
+};
+
+TEST_F(BlockDownloadTest, CompleteDownloadIsTheSourceByteForByte) {
+  std::unique_ptr<testing::NginxServer> nginx;
+  struct Case {
+    std::string name;
+    std::string source;
+  };
+  std::vector<Case> cases = {{"local folder", testing::StoredFolder(package_.source)}};
+  if (testing::NginxServer::Available()) {
+    nginx = std::make_unique<testing::NginxServer>(package_.dir.path());
+    cases.push_back({"nginx", nginx->Url("/source")});
+  } else {
+    ADD_FAILURE() << "nginx is not installed; only the folder source was tried";
+  }
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(package_.target);
+    env_.log->Clear();
+    AttemptRunner runner(env_.services, package_);
+    ASSERT_EQ(runner.Run(c.source), 0u) << runner.download.LastDescription();
+    ExpectTargetMatches(package_);
+    EXPECT_EQ(runner.map.Count(), 7u);
+    ASSERT_EQ(runner.stored.size(), 1u) << "stored once, at the end";
+    EXPECT_EQ(runner.stored.back().Count(), 7u);
+    EXPECT_EQ(runner.blocks.statistics().downloaded, kPackageBytes);
+
+    // The clock stands still, so each file reports only its start and end.
+    const std::vector<std::string> events = runner.events.Take();
+    const std::vector<std::string> expected = {
+        "begin a.bin",     "transfer a.bin",     "progress 0/10240", "progress 10240/10240", "end a.bin 0x00000000",
+        "begin c.bin",     "transfer c.bin",     "progress 0/12288", "progress 12288/12288", "end c.bin 0x00000000",
+        "begin empty.dat", "transfer empty.dat", "progress 0/0",     "progress 0/0",         "end empty.dat 0x00000000",
+        "begin b.txt",     "transfer b.txt",     "progress 0/100",   "progress 100/100",     "end b.txt 0x00000000"};
+    EXPECT_EQ(events, expected);
+    EXPECT_TRUE(env_.log->Contains("Download package 'Demo' from' " + c.source +
+                                   "', local blocks: 0/7, server blocks: 0/0, bytes in cache: 0"));
+    EXPECT_TRUE(env_.log->Contains("Empty file '" + (package_.target / "empty.dat").string() + "' has been created"));
+    EXPECT_TRUE(
+        env_.log->Contains("Package 'Demo', downloaded successfully from '" + c.source + "', local blocks: 7/7"));
+    EXPECT_TRUE(
+        env_.log->Contains("Download attempt completed: downloaded 22628 bytes at 22628 bytes per second, "
+                           "used 0 bytes from cache"));
+  }
+}
+
+TEST_F(BlockDownloadTest, AsksOnlyForTheBlocksTheLocalMapLacks) {
+  const std::string a = package_.Content("a.bin");
+  struct Case {
+    std::string name;
+    std::function<void()> prepare;
+    bool mapHasAllOfA;
+    std::map<std::string, std::vector<std::string>> ranges;
+  } cases[] = {
+      {"empty folder",
+       [] {},
+       false,
+       {{"/pkg/a.bin", {"bytes=0-4095", "bytes=4096-8191", "bytes=8192-10239"}},
+        {"/pkg/c.bin", {"bytes=0-4095", "bytes=4096-8191", "bytes=8192-12287"}},
+        {"/pkg/sub/b.txt", {"bytes=0-99"}}}},
+      // A file cut short keeps its whole blocks; only the rest is asked for.
+      {"a.bin cut short",
+       [&] { WriteFile(package_.target / "a.bin", a.substr(0, 9000)); },
+       false,
+       {{"/pkg/a.bin", {"bytes=8192-10239"}}}},
+      // Every block of a.bin in the map: nothing asked, but the file is still
+      // cut to its size and given its time.
+      {"a.bin too long, all its blocks in the map",
+       [&] { WriteFile(package_.target / "a.bin", a + "trailing bytes"); },
+       true,
+       {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(package_.target);
+    if (c.name != "empty folder") {
+      for (const auto& [path, content] : package_.files()) WriteFile(package_.target / UrlPath(path), content);
+    }
+    c.prepare();
+    HttpTestServer server;
+    for (const auto& [path, content] : package_.files()) server.AddFile("/pkg/" + UrlPath(path), content);
+    AttemptRunner runner(env_.services, package_);
+    const Result code = runner.Run(server.Url("/pkg"), [&](AttemptInput& input) {
+      if (!c.mapHasAllOfA) return;
+      input.localMap->SetRange(0, 2, true);
+    });
+    EXPECT_EQ(code, 0u) << runner.download.LastDescription();
+    EXPECT_EQ(RangesAsked(server), c.ranges);
+    ExpectTargetMatches(package_);
+  }
+}
+
+TEST_F(BlockDownloadTest, AFaultEndsTheFileWithItsCodeAndTheMapKeepsWhatArrived) {
+  struct Case {
+    std::string name;
+    HttpFault fault;
+    size_t servedBytes;  // of c.bin
+    Result code;
+    std::vector<uint32_t> blocksOfC;
+  } cases[] = {
+      {"not found", Fault([](HttpFault& f) { f.status = 404; }), 3 * kBlock, 0x80042D21, {}},
+      {"connection reset mid-block", Fault([](HttpFault& f) { f.truncateAfter = 1000; }), 3 * kBlock, 0x800C0008, {}},
+      {"block 1 corrupt", Fault([](HttpFault& f) { f.corruptByte = kBlock + 10; }), 3 * kBlock, 0x80090002, {0}},
+      {"server's file shorter: short last block", {}, 3 * kBlock - 1000, 1629, {0, 1}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(package_.target);
+    env_.log->Clear();
+    HttpTestServer server;
+    for (const auto& [path, content] : package_.files()) server.AddFile("/pkg/" + UrlPath(path), content);
+    server.AddFile("/pkg/c.bin", package_.Content("c.bin").substr(0, c.servedBytes));
+    server.SetFault("/pkg/c.bin", c.fault);
+    AttemptRunner runner(env_.services, package_);
+    EXPECT_EQ(runner.Run(server.Url("/pkg")), c.code);
+    EXPECT_EQ(runner.download.LastResult(), c.code);
+    EXPECT_EQ(package_.BitsOf("a.bin", runner.map), (std::vector<uint32_t>{0, 1, 2}));
+    EXPECT_EQ(package_.BitsOf("c.bin", runner.map), c.blocksOfC);
+    ASSERT_FALSE(runner.stored.empty());
+    EXPECT_EQ(package_.BitsOf("c.bin", runner.stored.back()), c.blocksOfC) << "the map is stored whatever the result";
+    EXPECT_EQ(server.RequestCount("/pkg/sub/b.txt"), 0u) << "the attempt ends with the failing file";
+    const std::vector<std::string> events = runner.events.Take();
+    EXPECT_EQ(events.back(), Format("end c.bin 0x%08X", c.code));
+    EXPECT_TRUE(env_.log->Contains("Failed to download package 'Demo' from: " + server.Url("/pkg") +
+                                   ", local blocks: " + std::to_string(3 + c.blocksOfC.size()) + "/7"));
+  }
+}
+
+TEST_F(BlockDownloadTest, AListThatLeavesBlocksMissingEndsWith707) {
+  Serve("/pkg/");
+  AttemptRunner runner(env_.services, package_);
+  const Result code = runner.Run(server_.Url("/pkg"), [&](AttemptInput&) {
+    std::erase_if(runner.updateList.entries, [](const SnapshotEntry& entry) { return entry.name == "c.bin"; });
+  });
+  EXPECT_EQ(code, 707u);
+  EXPECT_EQ(runner.map.Count(), 4u);
+  ASSERT_EQ(runner.stored.size(), 1u);
+  EXPECT_EQ(runner.stored.back().Count(), 4u);
+}
+
+TEST_F(BlockDownloadTest, AMovedSourceServesTheRestOfThatFileOnly) {
+  Serve("/pkg/");
+  server_.AddRedirect("/pkg/a.bin", "/moved/a.bin");
+  server_.AddRedirect("/pkg/c.bin", "/moved/c.bin");
+  server_.AddFile("/moved/a.bin", package_.Content("a.bin"));
+  server_.AddFile("/moved/c.bin", package_.Content("c.bin"));
+  AttemptRunner runner(env_.services, package_);
+  ASSERT_EQ(runner.Run(server_.Url("/pkg")), 0u) << runner.download.LastDescription();
+  ExpectTargetMatches(package_);
+  // Each file starts from the source given and then keeps to where it moved.
+  EXPECT_EQ(server_.RequestCount("/pkg/a.bin"), 1u);
+  EXPECT_EQ(server_.RequestCount("/moved/a.bin"), 3u);
+  EXPECT_EQ(server_.RequestCount("/pkg/c.bin"), 1u);
+  EXPECT_EQ(server_.RequestCount("/moved/c.bin"), 3u);
+  EXPECT_EQ(server_.RequestCount("/pkg/sub/b.txt"), 1u);
+}
+
+TEST_F(BlockDownloadTest, ACancelFromAnotherThreadEndsTheAttemptPromptly) {
+  Serve("/pkg/");
+  server_.SetFault("/pkg/c.bin", Fault([](HttpFault& f) { f.bytesPerSecond = 2048; }));  // two seconds a block
+  AttemptRunner runner(env_.services, package_);
+  std::chrono::steady_clock::time_point cancelledAt;
+  std::thread canceller([&] {
+    while (server_.RequestCount("/pkg/c.bin") == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    cancelledAt = std::chrono::steady_clock::now();
+    runner.download.Cancel();
+  });
+  const Result code = runner.Run(server_.Url("/pkg"));
+  const auto ended = std::chrono::steady_clock::now();
+  canceller.join();
+  EXPECT_EQ(code, 1223u);
+  EXPECT_LT(ended - cancelledAt, std::chrono::milliseconds(1000));
+  EXPECT_EQ(package_.BitsOf("c.bin", runner.map), std::vector<uint32_t>{});
+  EXPECT_EQ(runner.stored.size(), 1u);
+  EXPECT_TRUE(env_.log->Contains("Package 'Demo' download cancelled"));
+}
+
+TEST_F(BlockDownloadTest, HostileNamesNeverLeaveThePackageFolder) {
+  Serve("/pkg/");
+  const fs::path outside = package_.dir / "outside";
+  fs::create_directories(outside);
+  struct Case {
+    std::string name;
+    std::string folder;
+    std::string file;
+    bool linkSub;  // target/sub is a link to the outside folder
+  } cases[] = {
+      {"parent folder", "..", "b.txt", false},
+      {"separator in the name", "", "..\\outside\\b.txt", false},
+      {"absolute folder", testing::StoredFolder(outside).substr(2), "b.txt", false},
+      {"link on the way", "sub", "b.txt", true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(package_.target);
+    fs::create_directories(package_.target);
+    if (c.linkSub) fs::create_directory_symlink(outside, package_.target / "sub");
+    AttemptRunner runner(env_.services, package_);
+    const size_t requestsBefore = server_.Requests().size();
+    const Result code = runner.Run(server_.Url("/pkg"), [&](AttemptInput&) {
+      SnapshotEntry entry = package_.Entry("sub\\b.txt");
+      entry.folder = c.folder;
+      entry.name = c.file;
+      runner.updateList.entries = {entry};
+    });
+    EXPECT_EQ(code, result::kInvalidArg);
+    EXPECT_TRUE(fs::is_empty(outside));
+    EXPECT_FALSE(fs::exists(package_.dir / "b.txt"));
+    EXPECT_EQ(server_.Requests().size(), requestsBefore);
+  }
+}
+
+TEST_F(BlockDownloadTest, SiteReservationStandsAroundTheAttempt) {
+  const char* const page = "/QS/Agent/SiteTransfer.aspx";
+  struct Case {
+    std::string name;
+    std::optional<uint32_t> limit;
+    std::string answer;
+    Result code;
+    std::vector<std::string> ops;
+    size_t blockRequests;
+  } cases[] = {
+      {"site without a limit", std::nullopt, "<SiteTransfer/>", 0, {}, 7},
+      {"slot granted", 2, "<SiteTransfer/>", 0, {"Start", "Done"}, 7},
+      {"no slot free", 2, "<Error number=\"8004200D\"/>", 0x8004200D, {"Start"}, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(package_.target);
+    env_.log->Clear();
+    HttpTestServer server;
+    for (const auto& [path, content] : package_.files()) server.AddFile("/pkg/" + UrlPath(path), content);
+    server.AddFile(page, c.answer, {{"Content-Type", "text/xml"}});
+    env_.settings->Set(kSitesSettingsKey, kSiteTransferServerUrlValue, SettingValue::Text(server.Url("")));
+    const std::string siteKey = std::string(kSitesSettingsKey) + "\\site-1";
+    if (c.limit) {
+      env_.settings->Set(siteKey, kSiteOutboundLimitValue, SettingValue::Number(*c.limit));
+    } else {
+      env_.settings->Delete(siteKey, kSiteOutboundLimitValue);
+    }
+    AttemptRunner runner(env_.services, package_);
+    runner.record.siteQueryResource = "{0D9E8F7A-6B5C-4D3E-2F1A-0B9C8D7E6F5A}";
+    EXPECT_EQ(runner.Run(server.Url("/pkg"), [](AttemptInput& input) { input.siteId = "site-1"; }), c.code);
+
+    std::vector<std::string> ops;
+    size_t blockRequests = 0;
+    for (const auto& request : server.Requests()) {
+      if (request.path != page) {
+        ++blockRequests;
+        continue;
+      }
+      for (const char* op : {"Start", "Update", "Done"}) {
+        if (request.query.find(std::string("op='") + op + "'") != std::string::npos) ops.push_back(op);
+      }
+      if (!ops.empty() && ops.back() == "Done") {
+        EXPECT_NE(request.query.find("<total>22628</total><done>22628</done>"), std::string::npos) << request.query;
+      }
+    }
+    EXPECT_EQ(ops, c.ops);
+    EXPECT_EQ(blockRequests, c.blockRequests);
+    if (!c.limit) {
+      EXPECT_TRUE(
+          env_.log->Contains("No limit is defined for site: site-1. Outbound slot reservation will not be used"));
+    }
+  }
+}
+
+}  // namespace
+}  // namespace pkgdlv

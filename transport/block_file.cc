@@ -1,0 +1,351 @@
+// One entry of the update list: a folder is created; a file is opened in
+// place and walked block by block (skip what the local map has, wait for a
+// peer that is not ready yet, request the range, verify, write, mark), then
+// cut to its size and given the snapshot's time.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <span>
+
+#include "agent/clock.h"
+#include "snapshot/snapshot.h"
+#include "transport/block_download.h"
+#include "transport/block_download_internal.h"
+#include "transport/download_events.h"
+#include "transport/location.h"
+#include "transport/package_download.h"
+#include "util/safe_path.h"
+#include "util/strings.h"
+
+namespace pkgdlv {
+
+namespace fs = std::filesystem;
+using blockdownload::BlockLength;
+using blockdownload::Fail;
+using blockdownload::FailErrno;
+using blockdownload::kLog;
+using blockdownload::PresentBytes;
+
+namespace {
+
+class FileDescriptor {
+ public:
+  FileDescriptor() = default;
+  ~FileDescriptor() { Close(); }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  void Reset(int fd) {
+    Close();
+    fd_ = fd;
+  }
+  void Close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+  int get() const { return fd_; }
+
+ private:
+  int fd_ = -1;
+};
+
+// The entry's place below the package folder. A name from the server never
+// leads outside it: the path is resolved lexically inside the folder, and no
+// folder on the way may be a symbolic link (the file itself is opened
+// without following one).
+fs::path SafeTarget(const Snapshot& snapshot, const SnapshotEntry& entry) {
+  const fs::path root = snapshot.path;
+  const fs::path path = ResolveInside(root, entry.RelativePath());
+  fs::path walked = root;
+  const fs::path relative = path.lexically_relative(root);
+  for (auto it = relative.begin(); it != relative.end(); ++it) {
+    if (std::next(it) == relative.end() && entry.IsFile()) break;
+    walked /= *it;
+    struct stat info {};
+    if (::lstat(walked.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+      Throw(result::kInvalidArg, "Unsafe path '%ls': '%ls' is a symbolic link", PrintableName(entry.RelativePath()),
+            walked.string());
+    }
+  }
+  return path;
+}
+
+// The entry's location at the source: URL components joined with "/" and
+// percent-encoded, share and folder paths joined with "\".
+std::string SourceOf(std::string_view sourceUrl, const SnapshotEntry& entry) {
+  const bool http = StartsWithNoCase(sourceUrl, "http://") || StartsWithNoCase(sourceUrl, "https://");
+  std::string location(sourceUrl);
+  const std::string relative = entry.RelativePath();
+  if (!http) {
+    if (!location.ends_with('\\')) location += '\\';
+    return location + relative;
+  }
+  if (!location.ends_with('/')) location += '/';
+  size_t start = 0;
+  while (true) {
+    const size_t end = relative.find('\\', start);
+    location += PercentEncodeComponent(std::string_view(relative).substr(start, end - start));
+    if (end == std::string::npos) break;
+    location += '/';
+    start = end + 1;
+  }
+  return location;
+}
+
+bool HoldsFiles(const Snapshot& snapshot, const std::string& folder) {
+  return std::any_of(snapshot.entries.begin(), snapshot.entries.end(), [&](const SnapshotEntry& entry) {
+    return entry.IsFile() && (EqualsNoCase(entry.folder, folder) ||
+                              (entry.folder.size() > folder.size() && entry.folder[folder.size()] == '\\' &&
+                               StartsWithNoCase(entry.folder, folder)));
+  });
+}
+
+}  // namespace
+
+struct BlockDownload::FileRun {
+  const SnapshotEntry& listed;  // the update list's entry
+  SnapshotEntry* held;          // the snapshot's own entry, which holds the block hashes; may be null
+  fs::path path;
+  std::string pathText;
+  std::string source;   // stored location at the source; a changed URL replaces it for this file
+  std::string wireUrl;  // what the transport asks for source, to tell a changed URL from it
+  FileDescriptor file;
+  uint64_t size = 0;
+  uint64_t done = 0;  // bytes of the file present so far
+  bool downloadedBlock = false;
+
+  const SnapshotEntry& entry() const { return held && !held->blockHashes.empty() ? *held : listed; }
+};
+
+void BlockDownload::DownloadEntry(const AttemptInput& input, const SnapshotEntry& entry) {
+  Logger& log = download_.log();
+  if (entry.IsFolder()) {
+    CreateFolder(input, entry);
+    return;
+  }
+  FileRun run{entry, input.snapshot->FindEntry(entry.folder, entry.name), {}, {}, {}, {}, {}, 0, 0, false};
+  try {
+    run.path = SafeTarget(*input.snapshot, entry);
+  } catch (const Error& e) {
+    Fail(log, loglevel::kError, e.code(), "%ls", e.description());
+  }
+  run.pathText = run.path.string();
+  RaiseBeginFile(events_, log, packageId_, run.pathText);
+  Result code = result::kOk;
+  try {
+    DownloadFile(input, run);
+  } catch (...) {
+    code = CurrentFailure().code;
+    run.file.Close();
+    RaiseEndFile(events_, log, packageId_, run.pathText, static_cast<int32_t>(code));
+    if (run.held) std::vector<uint8_t>().swap(run.held->blockHashes);
+    throw;
+  }
+  run.file.Close();
+  RaiseEndFile(events_, log, packageId_, run.pathText, 0);
+  if (run.held) std::vector<uint8_t>().swap(run.held->blockHashes);
+}
+
+void BlockDownload::CreateFolder(const AttemptInput& input, const SnapshotEntry& entry) {
+  Logger& log = download_.log();
+  fs::path path;
+  try {
+    path = SafeTarget(*input.snapshot, entry);
+  } catch (const Error& e) {
+    Fail(log, loglevel::kError, e.code(), "%ls", e.description());
+  }
+  std::error_code ec;
+  fs::create_directories(path, ec);
+  if (ec) FailErrno(log, ec.value(), "Failed to create directory '%ls'", path.string());
+  if (!HoldsFiles(*input.snapshot, entry.folder)) {
+    log.Log(loglevel::kTrace, kLog, "Empty directory '%ls' has been created", path.string());
+  }
+}
+
+void BlockDownload::DownloadFile(const AttemptInput& input, FileRun& run) {
+  Logger& log = download_.log();
+  const SnapshotEntry& entry = run.entry();
+  if (entry.size < 0) {
+    Fail(log, loglevel::kError, result::kInvalidData, "Failed to download file '%ls', its size is not known",
+         run.pathText);
+  }
+  run.size = static_cast<uint64_t>(entry.size);
+  run.source = SourceOf(input.sourceUrl, entry);
+  run.wireUrl = ConvertLocation(run.source).url;
+
+  std::error_code ec;
+  fs::create_directories(run.path.parent_path(), ec);
+  if (ec) FailErrno(log, ec.value(), "Failed to create directory '%ls'", run.path.parent_path().string());
+  run.file.Reset(::open(run.path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+  if (run.file.get() < 0) FailErrno(log, errno, "Failed to open the target file '%ls'", run.pathText);
+  ::posix_fadvise(run.file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+
+  const Snapshot& snapshot = *input.snapshot;
+  const DynamicBitset& local = *input.localMap;
+  const uint32_t fileBlocks = static_cast<uint32_t>(entry.BlockCount(snapshot.blockSize));
+  log.Log(loglevel::kTrace, kLog,
+          "Downloading '%ls' from '%ls', size %I64u, in cache %I64u, total file blocks %u, blocks position %u/%u, "
+          "local blocks: %u/%u, server blocks: %u/%u, value rank on server: %x",
+          run.pathText, run.source, run.size, PresentBytes(entry, snapshot.blockSize, local), fileBlocks,
+          entry.firstBlock, snapshot.totalBlocks, local.Count(), local.size(),
+          input.serverMap ? input.serverMap->Count() : 0u, input.serverMap ? input.serverMap->size() : 0u,
+          // The peer coordination of this agent ranks no source; 0 says so.
+          0u);
+  RaiseBeginTransfer(events_, log, packageId_, run.pathText);
+  if (run.size == 0) log.Log(loglevel::kTrace, kLog, "Empty file '%ls' has been created", run.pathText);
+  RaiseProgress(run);
+  RunBlockLoop(input, run);
+  FinishFile(run);
+}
+
+void BlockDownload::RunBlockLoop(const AttemptInput& input, FileRun& run) {
+  Logger& log = download_.log();
+  const Snapshot& snapshot = *input.snapshot;
+  const SnapshotEntry& entry = run.entry();
+  DynamicBitset& local = *input.localMap;
+  const uint32_t blockSize = snapshot.blockSize;
+  uint64_t offset = 0;
+  for (uint32_t index = 0; offset < run.size; ++index) {
+    if (Cancelled()) ThrowCancelled(loglevel::kError);
+    if (input.peer && Tick() - lastConfigTick_ > uint64_t{progressIntervalSeconds_} * 1000) {
+      ReadPeerConfiguration(input, true);
+    }
+    const uint32_t length = BlockLength(run.size, blockSize, index);
+    const uint32_t bit = entry.firstBlock + index;
+    if (local.Check(bit)) {
+      log.Log(loglevel::kDebug, kLog, "Skip locally existing block %u (%u/%u) of file '%ls'", index, bit + 1,
+              snapshot.totalBlocks, run.pathText);
+      run.done += length;
+      offset += length;
+      continue;
+    }
+
+    // A peer may be waited for only once it has shown that it serves this
+    // file; with its block map, only for a block the map says it lacks.
+    uint32_t waitSeconds = 0;
+    bool mayWait = run.downloadedBlock;
+    if (input.serverMap) {
+      mayWait = mayWait && !input.serverMap->Check(bit) && (input.waitForPeerMode & 0xF) == 2;
+      waitSeconds = progressIntervalSeconds_;
+    } else {
+      waitSeconds = kUnmappedPeerIntervalSeconds;
+    }
+    const uint32_t waitMs = !mayWait ? 0 : waitSeconds != 0 ? waitSeconds * 1000 : kDefaultPeerWaitMs;
+
+    log.Log(loglevel::kDebug, kLog, "Requesting block %I64u-%I64u, block %u (%u/%u) of file '%ls'", offset,
+            offset + length - 1, index, bit + 1, snapshot.totalBlocks, run.pathText);
+    const uint64_t received = RequestBlock(run, offset, length, waitMs);
+    if (received < length) {
+      Fail(log, loglevel::kError, blockresult::kShortBlock, "Failed to write to file '%ls', not enough data",
+           run.pathText);
+    }
+    if (!entry.blockHashes.empty()) {
+      const Result code =
+          validator_.ValidateBlock(snapshot, entry, index, std::span(buffer_.data(), length), run.pathText, 0, true);
+      if (code == validation::kBadBlock) {
+        throw Error(code, Format("Block %u (%u/%u) is invalid for file '%ls'", index, bit + 1, snapshot.totalBlocks,
+                                 run.pathText));
+      }
+      if (code != 0) throw Error(code, Format("Failed to calculate block hash for file '%ls'", run.pathText));
+    }
+    WriteBlock(run, offset, length);
+    local.Set(bit, true);
+    stats_.downloaded += length;
+    transferred_ += length;
+    run.done += length;
+    run.downloadedBlock = true;
+    if (input.storeProgressSeconds != 0 && Tick() - lastStoreTick_ > uint64_t{input.storeProgressSeconds} * 1000) {
+      StoreMap(local);
+    }
+    if (Tick() - lastProgressTick_ > kProgressEventIntervalMs) RaiseProgress(run);
+    offset += length;
+  }
+}
+
+uint64_t BlockDownload::RequestBlock(FileRun& run, uint64_t offset, uint32_t length, uint32_t waitMs) {
+  Logger& log = download_.log();
+  NetworkTransport& transport = download_.transport();
+  if (buffer_.size() < length) buffer_.resize(length);
+  std::optional<uint64_t> firstNotReady;
+  while (true) {
+    try {
+      RangeResult range = transport.DownloadRange(run.source, offset, std::span(buffer_.data(), length));
+      // A source that moved (a redirect) is asked directly for the rest of
+      // this file; the next file starts again from the source given.
+      if (!range.effectiveUrl.empty() && range.effectiveUrl != run.wireUrl &&
+          (StartsWithNoCase(range.effectiveUrl, "http://") || StartsWithNoCase(range.effectiveUrl, "https://"))) {
+        run.source = range.effectiveUrl;
+        run.wireUrl = ConvertLocation(run.source).url;
+      }
+      return range.received;
+    } catch (const Error& e) {
+      if (Cancelled()) ThrowCancelled(loglevel::kWarning);
+      const bool blocksNotReady = e.code() == result::kPeerBlocksNotReady;
+      const bool notReady = blocksNotReady || e.code() == result::kPeerFilesNotReady;
+      if (!notReady || waitMs == 0) {
+        log.Log(loglevel::kError, kLog, "%ls (0x%08X)", e.description(), e.code());
+        throw;
+      }
+      const uint64_t now = Tick();
+      if (!firstNotReady) firstNotReady = now;
+      // An exhausted wait ends the file as a cancellation, not as a server
+      // error: the peer is not at fault for blocks it has not received yet.
+      if (now - *firstNotReady >= uint64_t{waitMs} * 2) {
+        log.Log(loglevel::kTrace, kLog, "Wait limit of '%d' seconds is exceeded.", static_cast<int>(waitMs * 2 / 1000));
+        ThrowCancelled(loglevel::kWarning);
+      }
+      log.Log(loglevel::kTrace, kLog, "Wait '%d' seconds for required %ls to become ready...",
+              static_cast<int>(waitMs / 4000), blocksNotReady ? "blocks" : "files");
+      if (download_.services().clock->WaitFor(transport.CancellationEvent(), waitMs / 4)) {
+        ThrowCancelled(loglevel::kWarning);
+      }
+    }
+  }
+}
+
+void BlockDownload::WriteBlock(FileRun& run, uint64_t offset, uint32_t length) {
+  Logger& log = download_.log();
+  if (::lseek(run.file.get(), static_cast<off_t>(offset), SEEK_SET) < 0) {
+    FailErrno(log, errno, "Failed to write to file '%ls', failed to change the position", run.pathText);
+  }
+  size_t written = 0;
+  while (written < length) {
+    const ssize_t n = ::write(run.file.get(), buffer_.data() + written, length - written);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) FailErrno(log, errno, "Failed to write to file '%ls'", run.pathText);
+    if (n == 0)
+      Fail(log, loglevel::kError, result::kDiskFull, "Failed to write to file '%ls', not all written", run.pathText);
+    written += static_cast<size_t>(n);
+  }
+}
+
+void BlockDownload::FinishFile(FileRun& run) {
+  Logger& log = download_.log();
+  const int fd = run.file.get();
+  if (::lseek(fd, static_cast<off_t>(run.size), SEEK_SET) < 0) {
+    FailErrno(log, errno, "Failed to write to file '%ls', failed to change the position to %I64u", run.pathText,
+              run.size);
+  }
+  if (::ftruncate(fd, static_cast<off_t>(run.size)) != 0) {
+    FailErrno(log, errno, "Failed to set end of file '%ls'", run.pathText);
+  }
+  // Linux keeps no creation time; access and write times take the snapshot's.
+  const FileTime time = run.entry().lastModified;
+  if (time != 0) {
+    const timespec times[2] = {TimespecFromFileTime(time), TimespecFromFileTime(time)};
+    if (::futimens(fd, times) != 0)
+      log.Log(loglevel::kWarning, kLog, "Failed to set file time for '%ls'", run.pathText);
+  }
+  RaiseProgress(run);
+}
+
+void BlockDownload::RaiseProgress(const FileRun& run) {
+  lastProgressTick_ = Tick();
+  const uint64_t packageDone = std::min(stats_.packageSize, stats_.cacheBytes + stats_.downloaded);
+  pkgdlv::RaiseProgress(events_, download_.log(), packageId_, stats_.packageSize, packageDone, run.size, run.done);
+}
+
+}  // namespace pkgdlv
