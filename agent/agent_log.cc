@@ -55,9 +55,18 @@ class AgentLog final : public Logger {
       message = agent_log::TruncateMessage(message);
       CopyToStreams(level, severity, component, message);
       std::lock_guard lock(file_mutex_);
-      AppendRecord(settings, severity, component, message);
-    } catch (...) {  // a line that cannot be written is dropped
+      std::string failure;
+      if (!AppendRecord(settings, severity, component, message, failure)) NoteDrop(failure);
+    } catch (const std::exception& e) {  // a line that cannot be written is dropped
+      NoteDrop(e.what());
+    } catch (...) {
+      NoteDrop("unknown error");
     }
+  }
+
+  AgentLogDrops Drops() const {
+    std::lock_guard lock(drops_mutex_);
+    return drops_;
   }
 
  private:
@@ -107,10 +116,19 @@ class AgentLog final : public Logger {
     }
   }
 
-  void AppendRecord(const LogFileSettings& settings, uint32_t severity, std::string_view component,
-                    std::string_view message) {
+  void NoteDrop(std::string_view reason) noexcept {
+    std::lock_guard lock(drops_mutex_);
+    ++drops_.lines;
+    try {
+      drops_.last_reason = reason;
+    } catch (...) {  // the count alone still tells the caller
+    }
+  }
+
+  bool AppendRecord(const LogFileSettings& settings, uint32_t severity, std::string_view component,
+                    std::string_view message, std::string& failure) {
     agent_log::AppendRequest request{settings.folder, settings.file_name, settings.max_bytes, settings.max_files};
-    agent_log::AppendToLogFile(request, [&](bool is_new_file) {
+    return agent_log::AppendToLogFile(request, [&](bool is_new_file) {
       // Built under the file lock, so that dates and tick counts follow the
       // order of the records in the file.
       agent_log::RecordContext context = RecordContext(severity);
@@ -118,7 +136,7 @@ class AgentLog final : public Logger {
       if (is_new_file) text = agent_log::BuildStartRecord(context, agent_log::ReadLogFileHeader(*store_));
       text += agent_log::BuildEventRecord(context, component, message);
       return text;
-    });
+    }, &failure);
   }
 
   agent_log::RecordContext RecordContext(uint32_t severity) {
@@ -147,6 +165,9 @@ class AgentLog final : public Logger {
 
   std::mutex stream_mutex_;  // console and debug output
   std::mutex file_mutex_;    // this process's threads, before the file lock that orders the processes
+
+  mutable std::mutex drops_mutex_;
+  AgentLogDrops drops_;
 };
 
 }  // namespace
@@ -155,6 +176,16 @@ std::shared_ptr<Logger> NewAgentLog(std::shared_ptr<SettingsStore> settings, std
                                     AgentLogOptions options) {
   if (!settings || !clock) return std::make_shared<NullLogger>();
   return std::make_shared<AgentLog>(std::move(settings), std::move(clock), std::move(options));
+}
+
+AgentLogDrops DroppedAgentLogLines(const Logger& log) {
+  const auto* agent_log = dynamic_cast<const AgentLog*>(&log);
+  if (!agent_log) return {};
+  try {
+    return agent_log->Drops();
+  } catch (...) {
+    return {};
+  }
 }
 
 std::filesystem::path CurrentAgentLogFile(SettingsStore& settings, const std::filesystem::path& default_folder) {

@@ -39,10 +39,23 @@ struct AgentLogOptions {
 // store's change counter moves. Records are appended under an exclusive
 // flock on "<file name>.lock" beside the log, so that the processes sharing
 // the file write and roll it over one after another.
-// Logging never throws: a line that cannot be written is dropped. Without a
-// store or a clock every line is dropped.
+// Logging never throws: a line that cannot be written is dropped and counted
+// (DroppedAgentLogLines). Without a store or a clock every line is dropped.
 std::shared_ptr<Logger> NewAgentLog(std::shared_ptr<SettingsStore> settings, std::shared_ptr<Clock> clock,
                                     AgentLogOptions options);
+
+// What a log made by NewAgentLog could not write since it was made: lines
+// that passed the filter but never reached the file (an unwritable folder, a
+// full disk), and why the last of them failed.
+struct AgentLogDrops {
+  uint64_t lines = 0;
+  std::string last_reason;  // "cannot open '<file>': Permission denied"; empty when none
+};
+
+// The drops of a log made by NewAgentLog; any other logger (also the one
+// made without a store or a clock, which writes nothing) reports none.
+// Never throws; any thread.
+AgentLogDrops DroppedAgentLogLines(const Logger& log);
 
 // The file the log writes to now ("FilePath" and "FileName", or their
 // defaults), read without writing anything. Never throws: a failing store

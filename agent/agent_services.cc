@@ -16,6 +16,7 @@
 #include "agent/signing_keys.h"
 #include "agent/settings_store.h"
 #include "agent/volume_info.h"
+#include "multicast/multicast_core.h"
 #include "transport/site_limits.h"
 #include "util/error.h"
 #include "util/paths.h"
@@ -46,6 +47,7 @@ AgentServices AgentServices::CreateDefault(const std::filesystem::path& data_fol
   services.network_addresses = NewSystemNetworkAddresses();
   services.volumes = NewLinuxVolumeInfo();
   services.site_limits = NewSettingsSiteLimits(services.settings);
+  services.multicast_core = std::make_shared<UnavailableMulticastCore>();
   return services;
 }
 

@@ -71,6 +71,7 @@ bool WriteAll(int fd, std::string_view text) {
   while (!text.empty()) {
     ssize_t written = write(fd, text.data(), text.size());
     if (written < 0 && errno == EINTR) continue;
+    if (written == 0) errno = EIO;  // no progress and no reason given
     if (written <= 0) return false;
     text.remove_prefix(static_cast<size_t>(written));
   }
@@ -148,13 +149,21 @@ void RollOver(const fs::path& folder, const std::string& file_name, uint32_t max
   }
 }
 
-bool AppendToLogFile(const AppendRequest& request, const RecordBuilder& build) {
+bool AppendToLogFile(const AppendRequest& request, const RecordBuilder& build, std::string* failure) {
+  const auto fail = [failure](std::string_view action, const fs::path& path, int error) {
+    if (failure) {
+      *failure = "cannot " + std::string(action) + " '" + path.string() + "': " +
+                 std::error_code(error, std::generic_category()).message();
+    }
+    return false;
+  };
   std::error_code ec;
   fs::create_directories(request.folder, ec);
-  if (ec) return false;
+  if (ec) return fail("create the log folder", request.folder, ec.value());
 
-  ExclusiveFileLock lock(request.folder / (request.file_name + ".lock"));
-  if (!lock.locked()) return false;
+  const fs::path lock_file = request.folder / (request.file_name + ".lock");
+  ExclusiveFileLock lock(lock_file);
+  if (!lock.locked()) return fail("lock", lock_file, errno);
 
   const fs::path file = request.folder / request.file_name;
   if (std::optional<off_t> size = FileSize(file); size && static_cast<uint64_t>(*size) > request.max_bytes) {
@@ -162,10 +171,11 @@ bool AppendToLogFile(const AppendRequest& request, const RecordBuilder& build) {
   }
 
   FileDescriptor fd(OpenRetrying(file.c_str(), O_WRONLY | O_APPEND | O_CREAT, kFileMode));
-  if (!fd.valid()) return false;
+  if (!fd.valid()) return fail("open", file, errno);
   struct stat info {};
-  if (fstat(fd.get(), &info) != 0) return false;
-  return WriteAll(fd.get(), build(info.st_size == 0));
+  if (fstat(fd.get(), &info) != 0) return fail("read the size of", file, errno);
+  if (!WriteAll(fd.get(), build(info.st_size == 0))) return fail("write to", file, errno);
+  return true;
 }
 
 }  // namespace pkgdlv::agent_log

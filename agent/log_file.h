@@ -27,8 +27,9 @@ struct AppendRequest {
 // Creates the folder when missing, takes the lock, rolls the file over when
 // it is larger than max_bytes, opens it for appending and writes the built
 // text with one write. False when the text could not be written (nothing is
-// thrown). The caller serialises the threads of its own process.
-bool AppendToLogFile(const AppendRequest& request, const RecordBuilder& build);
+// thrown); then failure, when given, receives why ("cannot open '<file>':
+// Permission denied"). The caller serialises the threads of its own process.
+bool AppendToLogFile(const AppendRequest& request, const RecordBuilder& build, std::string* failure = nullptr);
 
 // The file name that takes the place of the current one at rollover n:
 // "Agent.log" and 3 give "Agent3.log".

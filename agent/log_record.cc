@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "util/display_text.h"
 #include "util/format.h"
 
 namespace pkgdlv::agent_log {
@@ -11,8 +12,10 @@ namespace {
 bool IsUtf8Continuation(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
 
 // Attribute values are written between single quotes; a component name that
-// carries a quote or an ampersand must not break the record.
-std::string EscapeAttribute(std::string_view text) {
+// carries a quote, an ampersand or a control character must not break the
+// record (a raw line break would also be read back as a space).
+std::string EscapeAttribute(std::string_view raw) {
+  const std::string text = EscapeForDisplay(raw);
   std::string out;
   out.reserve(text.size());
   for (char c : text) {
@@ -29,14 +32,18 @@ std::string EscapeAttribute(std::string_view text) {
 }
 
 // "]]>" would end the CDATA section early: it is split across two sections.
-void AppendCdataText(std::string& out, std::string_view text) {
+// A character XML does not allow (a C0 control, invalid UTF-8) would make the
+// whole file unreadable, and a bidirectional override would make the record
+// read otherwise than it is: they are escaped; line breaks and tabs stay.
+void AppendCdataText(std::string& out, std::string_view raw) {
+  const std::string text = EscapeForDisplay(raw, LineBreaks::kKeep);
   constexpr std::string_view kEnd = "]]>";
   size_t start = 0;
   for (size_t found; (found = text.find(kEnd, start)) != std::string_view::npos; start = found + kEnd.size()) {
-    out.append(text.substr(start, found - start));
+    out.append(text, start, found - start);
     out += "]]]]><![CDATA[>";
   }
-  out.append(text.substr(start));
+  out.append(text, start);
 }
 
 void AppendAttributes(std::string& out, const RecordContext& context, std::string_view source) {

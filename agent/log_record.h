@@ -35,6 +35,9 @@ struct RecordContext {
 };
 
 // "\r\n<event date='…' severity='…' … tickCount='…' >\r\n  <![CDATA[message]]>\r\n</event>"
+// The record is always well-formed XML: attribute values and the message go
+// through EscapeForDisplay (util/display_text.h; the message keeps its tabs
+// and line breaks), then the XML escapes of their place.
 std::string BuildEventRecord(const RecordContext& context, std::string_view source, std::string_view message);
 // The first record of a new file: source 'Log File Start', the header as its text.
 std::string BuildStartRecord(const RecordContext& context, std::string_view header);

@@ -42,10 +42,17 @@ struct ConnectionOptions {
   static constexpr std::string_view kLoggingFlags = "com.brelmont.LoggingFlags";
 
   uint32_t connectTimeoutMs = 30'000;
-  // A transfer slower than lowSpeedBytesPerSecond for lowSpeedSeconds fails
-  // with a time-out (a stalled server); 0 seconds turns the check off.
-  uint32_t lowSpeedBytesPerSecond = 1;
-  uint32_t lowSpeedSeconds = 60;
+  // Every transfer has to keep moving, or it fails with 0x800705B4 (a time-
+  // out): in each window of lowSpeedWindowMs, from the start of the request,
+  // it must receive lowSpeedBytesPerSecond for every second of the window,
+  // or else all the rest of the body it expects (the range asked for, or the
+  // announced length), whichever is less. So a server that trickles a few
+  // bytes a second, or stalls before or after its headers, cannot hold a
+  // transfer, while a small answer needs only arrive whole within a window.
+  // Under a receive limit the rate asked is at most half that limit. A
+  // window of 0 turns the rule off.
+  uint32_t lowSpeedBytesPerSecond = 1024;
+  uint32_t lowSpeedWindowMs = 60'000;
   // Receive speed limit in bytes per second; 0 is unlimited. The peer rate
   // option (KB/s) sets it.
   uint64_t maxReceiveBytesPerSecond = 0;
@@ -132,9 +139,10 @@ class NetworkTransport {
   virtual std::optional<std::string> ResponseHeader(std::string_view name) const = 0;
   virtual int HttpStatus() const = 0;
 
-  // Lists a local folder ("\\\path"), recursively or not, in no set order.
-  // Throws 0x80070003 when the folder is missing, 0x80004001 for a share or
-  // HTTP location, which cannot be listed.
+  // Lists a local folder ("\\\path") or a share's folder ("\\host\share\path",
+  // agent/smb_share.h), recursively or not, in no set order. Throws
+  // 0x80070003 when the folder is missing, 0x80004001 for an HTTP location,
+  // which cannot be listed.
   virtual std::vector<DirectoryEntry> ListDirectory(std::string_view location, bool recursive) = 0;
 
   // Credentials for the next requests, until Reset or the next call. The

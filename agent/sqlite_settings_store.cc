@@ -10,7 +10,8 @@
 // from several threads.
 //
 // Failures carry SQLite's own extended result code and message, as a registry
-// call would carry the system's error code and text.
+// call would carry the system's error code and text. Texts, key paths and
+// names are limited in length (agent/setting_limits.h).
 #include <sqlite3.h>
 
 #include <chrono>
@@ -19,6 +20,7 @@
 #include <system_error>
 #include <thread>
 
+#include "agent/setting_limits.h"
 #include "agent/settings_store.h"
 #include "agent/sqlite_open.h"
 #include "util/error.h"
@@ -94,7 +96,11 @@ std::string ColumnText(sqlite3_stmt* stmt, int column) {
 std::optional<SettingValue> ColumnValue(sqlite3_stmt* stmt, int type_column, int value_column) {
   std::string type = ColumnText(stmt, type_column);
   int storage = sqlite3_column_type(stmt, value_column);
-  if (type == kTextType && storage == SQLITE_TEXT) return SettingValue::Text(ColumnText(stmt, value_column));
+  if (type == kTextType && storage == SQLITE_TEXT) {
+    // Longer than Set allows: written by something else, not taken.
+    if (static_cast<size_t>(sqlite3_column_bytes(stmt, value_column)) > kMaxSettingTextBytes) return std::nullopt;
+    return SettingValue::Text(ColumnText(stmt, value_column));
+  }
   if (type == kNumberType && storage == SQLITE_INTEGER) {
     int64_t n = sqlite3_column_int64(stmt, value_column);
     // Negative numbers written by other tools are taken as their 32 bits.
@@ -156,6 +162,7 @@ class SqliteSettingsStore final : public SettingsStore {
   }
 
   void Set(std::string_view key, std::string_view name, const SettingValue& value) override {
+    CheckLengths(key, name, value);
     std::lock_guard lock(mutex_);
     StatementUse use(set_);
     use.BindText(1, key);
@@ -209,6 +216,17 @@ class SqliteSettingsStore final : public SettingsStore {
   }
 
  private:
+  static void CheckLengths(std::string_view key, std::string_view name, const SettingValue& value) {
+    if (key.size() > kMaxSettingNameBytes || name.size() > kMaxSettingNameBytes) {
+      Throw(result::kInvalidArg, "The setting's key path or name is longer than %u bytes",
+            static_cast<uint32_t>(kMaxSettingNameBytes));
+    }
+    if (value.type == SettingValue::Type::kText && value.text.size() > kMaxSettingTextBytes) {
+      Throw(result::kInvalidArg, "The text of setting '%ls' is %I64u bytes long; a setting holds at most %u",
+            std::string(name), uint64_t{value.text.size()}, static_cast<uint32_t>(kMaxSettingTextBytes));
+    }
+  }
+
   [[noreturn]] void ThrowLastError() {
     Throw(static_cast<Result>(sqlite3_extended_errcode(db_)), "%hs", sqlite3_errmsg(db_));
   }

@@ -1,6 +1,7 @@
 // Transfer failures and their result codes, checked in this order:
 //
 //   Abort called (or CURLE_ABORTED_BY_CALLBACK)        0x800704C7  cancelled (Win32 1223)
+//   too few bytes in a window of the low-speed rule     0x800705B4  time-out (Win32 1460)
 //   body over the caller's limit, CURLE_FILESIZE_EXCEEDED 0x800700DF (Win32 223)
 //   answer not the range asked for                      0x800C0008  download failed
 //   HTTP status 400 or more                             0x80042D21  status kept (404: not found)
@@ -87,6 +88,7 @@ Result MapCurlCode(const TransferOutcome& outcome) {
 
 Result MapTransferOutcome(const TransferOutcome& outcome) {
   if (outcome.aborted) return result::kCancelled;
+  if (outcome.tooSlow) return result::kTransferTimeout;
   if (outcome.bodyTooLarge) return result::kResponseTooLarge;
   if (outcome.rangeMismatch) return result::kDownloadFailed;
   if (outcome.httpStatus >= 400) return result::kHttpNotFound;
@@ -98,6 +100,7 @@ void ThrowIfFailed(const TransferOutcome& outcome, std::string_view url) {
   if (code == result::kOk) return;
   std::string where = RedactUrl(url);
   if (code == result::kCancelled) Throw(code, "The download of '%ls' was cancelled", where);
+  if (outcome.tooSlow) Throw(code, "The download of '%ls' timed out: %ls", where, outcome.detail);
   if (code == result::kResponseTooLarge) Throw(code, "The response from '%ls' is larger than allowed", where);
   if (outcome.rangeMismatch) Throw(code, "'%ls' did not answer with the requested range: %ls", where, outcome.detail);
   if (outcome.httpStatus >= 400) Throw(code, "HTTP status %d from '%ls'", static_cast<int>(outcome.httpStatus), where);

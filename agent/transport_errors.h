@@ -20,6 +20,7 @@ struct TransferOutcome {
   bool aborted = false;       // Abort was called during or before the transfer
   bool bodyTooLarge = false;  // the body passed the caller's limit
   bool rangeMismatch = false; // the answer was not the range asked for
+  bool tooSlow = false;       // the transfer broke the low-speed rule
   std::string detail;         // curl's error buffer or our own finding
   // For a local file: the path, to tell a missing file from a missing folder.
   std::filesystem::path localPath;

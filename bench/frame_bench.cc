@@ -129,7 +129,7 @@ int main() {
     });
 
     unpack.Run([&] { buffer = frame; },
-               [&] { Check(pkgdlv::Decompress(buffer, pkgdlv::loglevel::kSilent, log), "Decompress failed"); });
+               [&] { Check(pkgdlv::Decompress(buffer, pkgdlv::kNoFrameOutputLimit, pkgdlv::loglevel::kSilent, log), "Decompress failed"); });
     Check(buffer == data, "Decompress gave other bytes");
 
     unpack_chunked.Run([&] { plain.reset(); }, [&] {

@@ -9,6 +9,7 @@
 #include "agent/volume_info.h"
 #include "cli/package_snapshot.h"
 #include "snapshot/validation.h"
+#include "util/display_text.h"
 
 namespace pkgdlv::cli {
 namespace {
@@ -64,7 +65,7 @@ void Check(const CheckArgs& args, Context& context) {
     std::cout << out.dump(2) << '\n';
   } else {
     for (const SnapshotEntry& entry : updateList.entries) {
-      std::cout << entry.RelativePath() << "\t" << entry.size << " bytes\t" << Reason(snapshot, entry) << '\n';
+      std::cout << EscapeForDisplay(entry.RelativePath()) << "\t" << entry.size << " bytes\t" << Reason(snapshot, entry) << '\n';
     }
     std::cout << blocksFound << '\n';
   }

@@ -9,11 +9,12 @@
 #include "records/configuration_document.h"
 #include "records/delivery_settings.h"
 #include "util/error.h"
+#include "util/file_reader.h"
 
 namespace pkgdlv::cli {
 namespace {
 
-std::string ReadAll(std::istream& in) { return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()}; }
+std::string ReadAll(std::istream& in) { return ReadStreamCapped(in); }
 
 void Install(CLI::App& app, Context& context) {
   CLI::App* config = app.add_subcommand("config", "Show and apply the delivery configuration document");

@@ -1,12 +1,16 @@
 // pkgdlv frame pack|unpack|info: the compressed data frame from the command
-// line, standard input to standard output unless -i / -o name files. Needs
-// none of the agent's services.
+// line, standard input to standard output unless -i / -o name files (-i only
+// a regular file). Unpacking streams: memory stays flat for any frame size.
+// Needs none of the agent's services.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -14,6 +18,8 @@
 #include "agent/logger.h"
 #include "cli/command_registry.h"
 #include "util/compressed_frame.h"
+#include "util/error.h"
+#include "util/file_reader.h"
 #include "util/format.h"
 
 namespace pkgdlv::cli {
@@ -28,41 +34,77 @@ struct FrameArguments {
 
 std::string SystemError() { return std::strerror(errno); }
 
-std::vector<uint8_t> ReadAll(FILE* file, const std::string& name) {
-  std::vector<uint8_t> data;
-  size_t size = 0;
-  for (;;) {
-    data.resize(size + (1 << 20));
-    size_t got = std::fread(data.data() + size, 1, data.size() - size, file);
-    size += got;
-    if (got == 0) break;
+// Where the frame commands read from: standard input, or a regular file
+// named by -i (a FIFO or device is refused, never waited on).
+class Input {
+ public:
+  explicit Input(const FrameArguments& args) {
+    if (!args.input.empty()) file_.emplace(args.input);
   }
-  data.resize(size);
-  if (std::ferror(file)) throw CommandFailure{"cannot read " + name + ": " + SystemError()};
-  return data;
-}
+  // Up to buffer.size() bytes; 0 at the end.
+  size_t Read(std::span<uint8_t> buffer) {
+    if (file_) return file_->Read(buffer);
+    const size_t got = std::fread(buffer.data(), 1, buffer.size(), stdin);
+    if (got < buffer.size() && std::ferror(stdin)) throw CommandFailure{"cannot read standard input: " + SystemError()};
+    return got;
+  }
 
-std::vector<uint8_t> ReadInput(const FrameArguments& args) {
-  if (args.input.empty()) return ReadAll(stdin, "standard input");
-  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(args.input.c_str(), "rb"), &std::fclose);
-  if (!file) throw CommandFailure{"cannot open '" + args.input + "': " + SystemError()};
-  return ReadAll(file.get(), "'" + args.input + "'");
-}
+ private:
+  std::optional<FileReader> file_;
+};
 
-void WriteAll(FILE* file, const std::vector<uint8_t>& data, const std::string& name) {
-  const bool written = data.empty() || std::fwrite(data.data(), 1, data.size(), file) == data.size();
-  if (!written || std::fflush(file) != 0) {
-    throw CommandFailure{"cannot write " + name + ": " + SystemError()};
+Input OpenInput(const FrameArguments& args) {
+  try {
+    return Input(args);
+  } catch (const Error& e) {
+    if (e.code() == result::kInvalidArg) throw CommandFailure{e.description()};
+    throw CommandFailure{"cannot open '" + args.input + "': " + SystemError()};
   }
 }
 
-void WriteOutput(const FrameArguments& args, const std::vector<uint8_t>& data) {
-  if (args.output.empty()) return WriteAll(stdout, data, "standard output");
-  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(args.output.c_str(), "wb"), &std::fclose);
-  if (!file) throw CommandFailure{"cannot create '" + args.output + "': " + SystemError()};
-  WriteAll(file.get(), data, "'" + args.output + "'");
-  if (std::fclose(file.release()) != 0) throw CommandFailure{"cannot write '" + args.output + "': " + SystemError()};
-}
+// Where the frame commands write to: standard output, or the file named by
+// -o, which is removed again when the command fails part-way.
+class Output {
+ public:
+  explicit Output(const FrameArguments& args) : path_(args.output) {
+    if (path_.empty()) return;
+    file_ = std::fopen(path_.c_str(), "wb");
+    if (!file_) throw CommandFailure{"cannot create '" + path_ + "': " + SystemError()};
+  }
+  ~Output() {
+    if (!file_) return;
+    std::fclose(file_);
+    if (!committed_) std::remove(path_.c_str());
+  }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  void Write(std::span<const uint8_t> data) {
+    if (!data.empty() && std::fwrite(data.data(), 1, data.size(), stream()) != data.size()) Fail();
+  }
+  void Commit() {
+    if (std::fflush(stream()) != 0) Fail();
+    if (file_) {
+      FILE* file = std::exchange(file_, nullptr);
+      if (std::fclose(file) != 0) {
+        std::remove(path_.c_str());
+        Fail();
+      }
+    }
+    committed_ = true;
+  }
+
+ private:
+  FILE* stream() const { return file_ ? file_ : stdout; }
+  [[noreturn]] void Fail() const {
+    throw CommandFailure{"cannot write " + (path_.empty() ? std::string("standard output") : "'" + path_ + "'") +
+                         ": " + SystemError()};
+  }
+
+  std::string path_;
+  FILE* file_ = nullptr;
+  bool committed_ = false;
+};
 
 [[noreturn]] void FailWithLastFrameError() {
   Failure failure = LastFrameFailure();
@@ -72,47 +114,66 @@ void WriteOutput(const FrameArguments& args, const std::vector<uint8_t>& data) {
   throw CommandFailure{failure.description};
 }
 
+// Packing needs the whole input (the header counts the chunks and sums their
+// CRCs before the first of them).
 void Pack(const FrameArguments& args) {
-  std::vector<uint8_t> data = ReadInput(args);
+  Input input = OpenInput(args);
+  std::vector<uint8_t> data;
+  for (size_t size = 0;;) {
+    data.resize(size + (1 << 20));
+    const size_t got = input.Read(std::span(data).subspan(size));
+    size += got;
+    if (got == 0) {
+      data.resize(size);
+      break;
+    }
+  }
   NullLogger log;
   if (!Compress(data, args.level, 0, log)) FailWithLastFrameError();
-  WriteOutput(args, data);
+  Output output(args);
+  output.Write(data);
+  output.Commit();
 }
 
-void Unpack(const FrameArguments& args) {
-  std::vector<uint8_t> data = ReadInput(args);
-  NullLogger log;
-  if (!Decompress(data, 0, log)) FailWithLastFrameError();
-  WriteOutput(args, data);
+// Unpacks chunk by chunk, so memory stays flat for a frame of any size; the
+// output of a frame that fails part-way (a bad chunk, the crc sum) is
+// incomplete, and a file named by -o is removed then.
+FrameSummary Unpack(const FrameArguments& args, Output* output) {
+  Input input = OpenInput(args);
+  try {
+    return UnpackFrameStream([&input](std::span<uint8_t> buffer) { return input.Read(buffer); },
+                             [output](std::span<const uint8_t> data) {
+                               if (output) output->Write(data);
+                             });
+  } catch (const Error& e) {
+    if (e.code() == result::kEndOfData) {
+      throw CommandFailure{Format("%ls (0x%08X)", e.description(), e.code())};
+    }
+    throw CommandFailure{e.description()};
+  }
 }
 
-uint64_t ReadLe(const std::vector<uint8_t>& data, size_t offset, int width) {
-  uint64_t value = 0;
-  for (int i = width - 1; i >= 0; --i) value = value << 8 | data[offset + i];
-  return value;
+void UnpackToOutput(const FrameArguments& args) {
+  Output output(args);
+  Unpack(args, &output);
+  output.Commit();
 }
 
 // The header's fields and, after a full unpack (which checks every chunk and
 // the crc sum), the unpacked size.
 void Info(const FrameArguments& args) {
-  std::vector<uint8_t> data = ReadInput(args);
-  const size_t frame_size = data.size();
-  const bool is_frame = IsCompressed(data.data(), data.size());
-  const uint64_t crc_sum = is_frame ? ReadLe(data, 8, 8) : 0;
-  const uint64_t chunk_count = is_frame ? ReadLe(data, 16, 4) : 0;
-  NullLogger log;
-  if (!Decompress(data, 0, log)) FailWithLastFrameError();
+  const FrameSummary summary = Unpack(args, nullptr);
   if (args.json) {
-    nlohmann::json out = {{"frameSize", frame_size},
-                          {"chunks", chunk_count},
-                          {"crcSum", crc_sum},
-                          {"unpackedSize", data.size()}};
+    nlohmann::json out = {{"frameSize", summary.frame_size},
+                          {"chunks", summary.chunks},
+                          {"crcSum", summary.crc_sum},
+                          {"unpackedSize", summary.unpacked_size}};
     std::cout << out.dump(2) << "\n";
     return;
   }
-  std::cout << Format("frame size:    %I64u bytes\n", uint64_t{frame_size})
-            << Format("chunks:        %I64u\n", chunk_count) << Format("crc sum:       0x%016I64X\n", crc_sum)
-            << Format("unpacked size: %I64u bytes\n", uint64_t{data.size()});
+  std::cout << Format("frame size:    %I64u bytes\n", summary.frame_size)
+            << Format("chunks:        %u\n", summary.chunks) << Format("crc sum:       0x%016I64X\n", summary.crc_sum)
+            << Format("unpacked size: %I64u bytes\n", summary.unpacked_size);
 }
 
 void Install(CLI::App& app, Context&) {
@@ -131,7 +192,7 @@ void Install(CLI::App& app, Context&) {
 
   CLI::App* unpack = frame->add_subcommand("unpack", "Unpack a frame, checking every chunk and the crc sum");
   add_files(unpack, true);
-  unpack->callback([args] { Unpack(*args); });
+  unpack->callback([args] { UnpackToOutput(*args); });
 
   CLI::App* info = frame->add_subcommand("info", "Describe a frame: size, chunk count, crc sum, unpacked size");
   add_files(info, false);

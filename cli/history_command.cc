@@ -9,7 +9,9 @@
 #include "cli/command_registry.h"
 #include "records/package_log.h"
 #include "records/package_request.h"
+#include "util/display_text.h"
 #include "util/error.h"
+#include "util/file_reader.h"
 #include "util/filetime.h"
 #include "util/format.h"
 
@@ -26,6 +28,7 @@ void ShowHistory(Context& context, const std::string& folder, bool json) {
     throw CommandFailure{"no download history in '" + folder + "'"};
   }
   try {
+    CheckFileToRead(std::filesystem::path(folder) / kPackageLogFileName);
     history.LoadFromFolder(folder);
   } catch (const Error& e) {
     throw CommandFailure{"Error loading log: " + e.description()};
@@ -53,11 +56,14 @@ void ShowHistory(Context& context, const std::string& folder, bool json) {
     std::cout << out.dump(2) << "\n";
     return;
   }
-  std::cout << Format("%ls: %u downloads, %u failed, %I64u bytes, %u bytes/s on average\n", t.id, t.attempts,
-                      t.attempts - std::min(t.attempts, t.successes), t.transferBytes, t.transferRate);
+  // Texts of the document are escaped: a control character in them must not
+  // reach the terminal or break the one-line-per-cycle layout.
+  std::cout << Format("%ls: %u downloads, %u failed, %I64u bytes, %u bytes/s on average\n", EscapeForDisplay(t.id),
+                      t.attempts, t.attempts - std::min(t.attempts, t.successes), t.transferBytes, t.transferRate);
   for (const DownloadRecord& r : history.entries) {
     std::cout << Format("%ls  %-11ls 0x%08X %12I64u bytes  %ls%ls\n", TimeOrDash(r.startTime), StatusName(r.status),
-                        r.result, r.transferBytes, r.source, r.statusDescr.empty() ? "" : "  " + r.statusDescr);
+                        r.result, r.transferBytes, EscapeForDisplay(r.source),
+                        r.statusDescr.empty() ? "" : "  " + EscapeForDisplay(r.statusDescr));
   }
 }
 

@@ -10,6 +10,7 @@
 #include "agent/agent_log.h"
 #include "agent/logger.h"
 #include "cli/command_registry.h"
+#include "util/format.h"
 #include "util/paths.h"
 #include "util/strings.h"
 
@@ -44,17 +45,25 @@ std::string JoinWords(const std::vector<std::string>& words) {
 }
 
 // A line the filter drops is not an error: the command behaves as any other
-// caller of the log would.
+// caller of the log would. A line the filter lets through but the file does
+// not take (an unwritable folder, a full disk) fails the command, so that a
+// script never believes it logged what it did not.
 void Write(Logger& log, const WriteArguments& args) {
   const uint32_t level = ParseLevel(args.level);
   const std::string message = JoinWords(args.words);
+  if (args.count == 0 && message.empty()) throw CommandFailure{"nothing to write: give a message or --count"};
+  const uint64_t dropped_before = DroppedAgentLogLines(log).lines;
   if (args.count == 0) {
-    if (message.empty()) throw CommandFailure{"nothing to write: give a message or --count"};
     log.Log(level, args.component, "%ls", message);
-    return;
+  } else {
+    const std::string prefix = message.empty() ? "line" : message;
+    for (uint32_t i = 1; i <= args.count; ++i) log.Log(level, args.component, "%ls %u", prefix, i);
   }
-  const std::string prefix = message.empty() ? "line" : message;
-  for (uint32_t i = 1; i <= args.count; ++i) log.Log(level, args.component, "%ls %u", prefix, i);
+  const AgentLogDrops drops = DroppedAgentLogLines(log);
+  if (drops.lines == dropped_before) return;
+  const uint64_t lines = args.count == 0 ? 1 : args.count;
+  throw CommandFailure{Format("%I64u of %I64u lines not written to the agent log: %ls", drops.lines - dropped_before,
+                              lines, drops.last_reason)};
 }
 
 void Install(CLI::App& app, Context& context) {

@@ -1,8 +1,13 @@
 // pkgdlv package copy|move|clean: the package file operations over a package
 // folder and its snapshot. Exit 0 when every file went through, 1 otherwise.
+#include <cstdlib>
+
 #include "cli/package_snapshot.h"
+#include "cli/work_folder.h"
+#include "engine/package_store.h"
 #include "snapshot/file_operations.h"
 #include "snapshot/validation.h"
+#include "util/same_folder.h"
 
 namespace pkgdlv::cli {
 namespace {
@@ -30,11 +35,41 @@ void Move(const PackageArgs& args) {
   if (!MoveFiles(snapshot, args.target)) throw CommandFailure{"some files could not be moved"};
 }
 
+// Removing a whole folder is only for the package folder of that snapshot:
+// never a folder the agent or the user lives in, whatever the snapshot says.
+void RefuseUnlessPackageFolder(Context& context, const std::string& folder, const Snapshot& snapshot) {
+  const std::filesystem::path resolved = ResolvedFolder(folder);
+  std::filesystem::path named = std::filesystem::path(folder).lexically_normal();
+  if (!named.has_filename()) named = named.parent_path();
+  if (IsSymbolicLink(named)) {
+    throw CommandFailure{"refused: '" + folder + "' is a link; give the package folder itself"};
+  }
+  AgentServices& services = context.services();
+  const char* home = std::getenv("HOME");
+  const std::pair<std::filesystem::path, const char*> kept[] = {
+      {"/", "the root folder"},
+      {home ? std::filesystem::path(home) : std::filesystem::path(), "the home folder"},
+      {services.data_folder, "the agent's data folder"},
+      {StoredWorkFolder(services).current(), "the work folder"},
+  };
+  for (const auto& [protectedFolder, what] : kept) {
+    if (protectedFolder.empty()) continue;
+    if (SameFolder(resolved, protectedFolder) || IsBelow(protectedFolder, resolved)) {
+      throw CommandFailure{"refused: '" + folder + "' is or holds " + what};
+    }
+  }
+  if (!HoldsPackage(resolved, snapshot.id)) {
+    throw CommandFailure{"refused: '" + folder + "' is not the package folder of " + snapshot.GetIdText() +
+                         " (neither its snapshot.xml nor its package.xml names that package)"};
+  }
+}
+
 // Without --all: checks the files (hashing them) and deletes those found
 // invalid, so that a later download fetches them whole.
-void Clean(const PackageArgs& args) {
+void Clean(Context& context, const PackageArgs& args) {
   Snapshot snapshot = LoadPackageSnapshot(args.folder, args.snapshot);
   if (args.all) {
+    RefuseUnlessPackageFolder(context, args.folder, snapshot);
     Result code = DeletePackageFiles(snapshot);
     if (code != 0) throw CommandFailure{Format("the package could not be removed (0x%08X)", code)};
     return;
@@ -48,7 +83,7 @@ void Clean(const PackageArgs& args) {
   std::cout << deleted << " invalid file(s) deleted\n";
 }
 
-void Install(CLI::App& app, Context&) {
+void Install(CLI::App& app, Context& context) {
   auto args = std::make_shared<PackageArgs>();
   CLI::App* package = app.add_subcommand("package", "Copy, move or clean a package folder by its snapshot");
   package->require_subcommand(1);
@@ -66,8 +101,10 @@ void Install(CLI::App& app, Context&) {
 
   CLI::App* clean = package->add_subcommand("clean", "Delete the files that fail their hashes");
   AddCommon(clean, *args);
-  clean->add_flag("--all", args->all, "Remove the whole package instead (only its listed files when it says so)");
-  clean->callback([args] { Clean(*args); });
+  clean->add_flag("--all", args->all,
+                  "Remove the whole package folder instead (only its listed files when the snapshot says so); the "
+                  "folder must hold the package's snapshot.xml or package.xml");
+  clean->callback([&context, args] { Clean(context, *args); });
 }
 
 const CommandRegistration registration(41, Install);

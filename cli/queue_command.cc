@@ -1,7 +1,7 @@
 // pkgdlv queue [--work-folder DIR] [--json]: the packages of the work folder
-// that the engine would resume, in the order it would download them. Like the
-// engine at start, it brings each package's status up to date in its
-// "package.xml" (a package whose files are all present becomes valid).
+// that the engine would resume, in the order it would download them, with the
+// statuses the engine would set (a package whose files are all present shows
+// as valid). Read-only: no "package.xml" is written and no folder made.
 #include <iostream>
 #include <memory>
 #include <string>
@@ -12,6 +12,7 @@
 #include "cli/work_folder.h"
 #include "engine/package_manager.h"
 #include "records/package_request.h"
+#include "util/display_text.h"
 #include "util/filetime.h"
 #include "util/format.h"
 
@@ -27,6 +28,7 @@ void ShowQueue(Context& context, const QueueArgs& args) {
   AgentServices& services = context.services();
   const std::string folder = args.workFolder.empty() ? StoredWorkFolder(services).current() : args.workFolder;
   PackageManager engine(services, folder, nullptr);
+  engine.store().SetReadOnly(true);
   engine.ResumeDownloads();
   while (engine.ResumeQueueSize() > 0) engine.ProcessResumeQueue();
 
@@ -49,7 +51,7 @@ void ShowQueue(Context& context, const QueueArgs& args) {
                          {"retryAt", retryAt}});
     } else {
       std::cout << Format("%ls  %-11ls %6ls %14I64d  %ls%ls\n", entry.id.ToString(), status,
-                          PriorityName(entry.priority), entry.sizeKey, name,
+                          PriorityName(entry.priority), entry.sizeKey, EscapeForDisplay(name),
                           retryAt.empty() ? std::string() : "  (retry at " + retryAt + ")");
     }
   }

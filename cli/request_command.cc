@@ -15,6 +15,7 @@
 #include "records/package_request.h"
 #include "util/atomic_file.h"
 #include "util/strings.h"
+#include "util/file_reader.h"
 
 namespace pkgdlv::cli {
 namespace {
@@ -57,8 +58,8 @@ const char* LevelName(uint32_t severity) {
 }
 
 std::string ReadRequest(const std::string& path) {
-  if (path == "-") return std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-  std::vector<uint8_t> bytes = ReadWholeFile(path);
+  if (path == "-") return ReadStreamCapped(std::cin);
+  std::vector<uint8_t> bytes = ReadFileCapped(path);
   return std::string(bytes.begin(), bytes.end());
 }
 

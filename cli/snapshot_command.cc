@@ -13,7 +13,9 @@
 #include "snapshot/snapshot_builder.h"
 #include "util/atomic_file.h"
 #include "util/base64.h"
+#include "util/display_text.h"
 #include "util/error.h"
+#include "util/file_reader.h"
 #include "util/filetime.h"
 #include "util/guid.h"
 #include "util/strings.h"
@@ -31,12 +33,13 @@ class ConsoleLogger final : public Logger {
     return (level & loglevel::kSilent) == 0 && EffectiveSeverity(level) <= loglevel::kInfo;
   }
   void Write(uint32_t level, std::string_view component, std::string_view message) noexcept override {
-    std::cerr << SeverityTag(EffectiveSeverity(level)) << ' ' << component << ": " << message << '\n';
+    std::cerr << SeverityTag(EffectiveSeverity(level)) << ' ' << component << ": " << EscapeForDisplay(message)
+              << '\n';
   }
 };
 
 std::string ReadText(const fs::path& path) {
-  std::vector<uint8_t> bytes = ReadWholeFile(path);
+  std::vector<uint8_t> bytes = ReadFileCapped(path);
   return std::string(bytes.begin(), bytes.end());
 }
 
@@ -148,7 +151,7 @@ void Verify(const VerifyArgs& args) {
   if (!snapshot.LoadXml(ReadText(snapdataPath), /*isSecurityData=*/true)) {
     throw CommandFailure{"signature not valid: '" + snapdataPath.string() + "' is not valid security data"};
   }
-  snapshot.signedData = ReadWholeFile(snapshotPath);
+  snapshot.signedData = ReadFileCapped(snapshotPath);
   if (!snapshot.IsValidSignature(*crypto, publicKey)) {
     throw CommandFailure{"signature not valid for '" + snapshotPath.string() + "'"};
   }
@@ -213,7 +216,7 @@ void Show(const ShowArgs& args) {
             << "block size:  " << snapshot.blockSize << (snapshot.declaredBlockSize ? "" : " (legacy default)") << "\n";
   for (const nlohmann::json& f : files) {
     std::cout << "  " << f["size"].get<int64_t>() << "\t" << f["blocks"].get<uint64_t>() << " blocks\t"
-              << f["path"].get<std::string>() << "\n";
+              << EscapeForDisplay(f["path"].get<std::string>()) << "\n";
   }
   std::cout << "total:       " << files.size() << " files, " << folders.size() << " folders, " << totalSize
             << (sizeUnknown ? "+ (some sizes unknown)" : "") << " bytes, " << snapshot.totalBlocks << " blocks"

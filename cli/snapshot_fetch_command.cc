@@ -68,8 +68,10 @@ void Install(CLI::App& app, Context& context) {
   CLI::App* snapshot = app.get_subcommand("snapshot");
   auto args = std::make_shared<FetchArgs>();
   CLI::App* f = snapshot->add_subcommand("fetch", "Fetch a package's snapshot as the engine does");
-  auto* url = f->add_option("--url", args->url, "Snapshot URL");
-  auto* dir = f->add_option("--dir", args->dir, "Source folder (URL or path) holding the package");
+  auto* url = f->add_option("--url", args->url, "Snapshot URL (http, https or file:), or the snapshot file's path");
+  auto* dir = f->add_option("--dir", args->dir,
+                            "Source folder holding the package: a path (absolute or relative), a file: URL, "
+                            "a UNC path or an http(s) URL");
   url->excludes(dir);
   f->add_option("--package", args->package, "Package identifier, {GUID}")->required();
   f->add_option("--version", args->version, "Package version");

@@ -29,12 +29,15 @@ std::string Describe(const PackageManager::Relocation& relocation) {
       return "refused: a system folder";
     case PKGDLV_RELOCATE_ABORTED_NOT_NTFS:
       return "refused: the file system has no sparse files";
-    default:
-      return "aborted: moving the packages failed (see the agent log)";
+    default: {
+      const std::string why = relocation.message.empty() ? "moving the packages failed" : relocation.message;
+      return "aborted: " + why + "; every package stays in the old folder";
+    }
   }
 }
 
 void Relocate(Context& context, const std::string& target, bool json) {
+  if (target.empty()) throw CommandFailure{"New working folder is not specified: give the folder to move the store to"};
   AgentServices& services = context.services();
   WorkFolderAccess stored = StoredWorkFolder(services);
   const std::string current = stored.current();
@@ -52,7 +55,8 @@ void Relocate(Context& context, const std::string& target, bool json) {
   engine.LockWorkFolder(false);
   const PackageManager::Relocation relocation = engine.RelocateWorkFolder(std::filesystem::absolute(target));
   const bool moved = (relocation.flags & PKGDLV_RELOCATE_ABORTED_MASK) == 0;
-  if (moved) stored.change(std::filesystem::absolute(target).lexically_normal().string());
+  // What the engine now uses: the same folder when only checked.
+  if (moved) RecordWorkFolder(services, engine.store().workFolder().string());
   if (json) {
     std::cout << nlohmann::json{{"flags", relocation.flags},
                                 {"requiredMiB", relocation.requiredMiB},

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 
 #include "agent/clock.h"
 #include "agent/logger.h"
@@ -112,6 +113,10 @@ AttemptOutcome DownloadCycle::PerformDownload(PackageRequest& request, TransferC
   } catch (const Error& error) {
     cycle.code = error.code();
     cycle.description = error.description();
+  } catch (const std::bad_alloc&) {
+    const Failure failure = CurrentFailure();  // missing memory keeps its own code and text
+    cycle.code = failure.code;
+    cycle.description = failure.description;
   } catch (const std::exception& error) {
     cycle.code = kStandardException;
     cycle.description = Format("PerformDownload (): %hs", std::string(error.what()));

@@ -26,7 +26,7 @@ void PackageManager::PerformDownload(const std::shared_ptr<PackageRequest>& requ
     // A relocation emptied the queue while this thread waited for the lock:
     // the package resumes from its new folder.
     if (!queue_.Contains(request->id())) return;
-    transfer_ = &transfer;
+    SetTransfer(&transfer);
     // A stop or a more urgent request that came between the package being
     // taken and this point found no transfer to interrupt.
     if (stop_.IsSet()) {
@@ -40,8 +40,7 @@ void PackageManager::PerformDownload(const std::shared_ptr<PackageRequest>& requ
   try {
     outcome = downloader_->PerformDownload(*request, transfer, engine);
   } catch (...) {
-    RecursiveLock lock(queueLock_);
-    transfer_ = nullptr;
+    SetTransfer(nullptr);
     throw;
   }
   CountDecryptFailure(outcome);
@@ -49,7 +48,10 @@ void PackageManager::PerformDownload(const std::shared_ptr<PackageRequest>& requ
     RecursiveLock lock(queueLock_);
     // Off the books before the outcome: an interruption from now on concerns
     // the next attempt, not this one.
-    transfer_ = nullptr;
+    SetTransfer(nullptr);
+    // An attempt that ended at the stop event is suspended, even when it
+    // ended before the stop reached its transfer.
+    if (stop_.IsSet()) transfer.Interrupt(kInterruptSuspended);
     ApplyOutcome(*request, outcome, transfer);
   }
   Save(*request);

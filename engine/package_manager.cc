@@ -1,11 +1,15 @@
 #include "engine/package_manager.h"
 
+#include <functional>
 #include <limits>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "agent/client_agent.h"
 #include "agent/clock.h"
 #include "agent/logger.h"
+#include "agent/network_addresses.h"
 #include "agent/settings_store.h"
 #include "records/package_request.h"
 #include "snapshot/snapshot_file.h"
@@ -37,6 +41,19 @@ size_t FileCount(const Snapshot& snapshot) {
   return count;
 }
 
+// The computer's first IPv4 address, for the multicast core; empty when none
+// is known.
+std::function<std::string()> LocalAddressOf(std::shared_ptr<NetworkAddresses> addresses) {
+  return [addresses = std::move(addresses)] {
+    try {
+      std::vector<std::string> all = addresses ? addresses->IPv4Addresses() : std::vector<std::string>();
+      return all.empty() ? std::string() : all.front();
+    } catch (...) {
+      return std::string();
+    }
+  };
+}
+
 int64_t SizeKey(uint64_t size) {
   return size > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) ? 0 : static_cast<int64_t>(size);
 }
@@ -52,10 +69,18 @@ PackageManager::PackageManager(const AgentServices& services, std::filesystem::p
       client_(services.client),
       queue_(services.clock, services.log, settings_),
       store_(services, std::move(workFolder)),
-      multicast_(*services.settings, *services.log, MulticastEngine::Dependencies{nullptr, services.client, {}, {}}),
-      maxDecryptFailures_(settings_.MaxDecryptFailures()) {}
+      multicast_(*services.settings, *services.log,
+                 MulticastEngine::Dependencies{services.multicast_core, services.client, {},
+                                               LocalAddressOf(services.network_addresses)}),
+      maxDecryptFailures_(settings_.MaxDecryptFailures()) {
+  if (client_) client_->events().Subscribe(this);
+}
 
-PackageManager::~PackageManager() { Stop(); }
+PackageManager::~PackageManager() {
+  // Returns once no event is delivered here any more.
+  if (client_) client_->events().Unsubscribe(this);
+  Stop();
+}
 
 void PackageManager::Start() {
   if (thread_.joinable()) return;
@@ -68,14 +93,26 @@ void PackageManager::Start() {
 }
 
 void PackageManager::Stop() {
-  {
-    // The running download is suspended, not failed: it stays pending in its
-    // document and resumes at the next start.
-    RecursiveLock lock(queueLock_);
-    if (transfer_) transfer_->Interrupt(kInterruptSuspended);
-    stop_.Set();
-  }
+  // No queue lock: work that holds it watches the stop event and ends, and a
+  // download that registers its transfer after this finds the event set.
+  stop_.Set();
+  // The running download is suspended, not failed: it stays pending in its
+  // document and resumes at the next start.
+  InterruptTransfer(kInterruptSuspended);
+  multicast_.StopSession();
   if (thread_.joinable()) thread_.join();
+}
+
+void PackageManager::SetTransfer(TransferControl* transfer) {
+  std::lock_guard lock(transferLock_);
+  transfer_ = transfer;
+}
+
+void PackageManager::InterruptTransfer(int reason) {
+  // Held while the transfer is interrupted, so that PerformDownload cannot
+  // drop the transfer meanwhile.
+  std::lock_guard lock(transferLock_);
+  if (transfer_) transfer_->Interrupt(reason);
 }
 
 ClientAgent& PackageManager::client() {
@@ -119,7 +156,9 @@ std::shared_ptr<PackageRequest> PackageManager::WaitForReadyPackage() {
   const bool registered = client().IsRegistered();
   if (!registered) log.Log(loglevel::kInfo, kComponent, "Client is not registered. Package download is suspended.");
   const bool blocked = client().IsDownloadBlocked();
-  const bool allowed = registered && !blocked;
+  // While a relocation is requested no package is taken: it would only be
+  // suspended again, and the move may be under way.
+  const bool allowed = registered && !blocked && !relocationRequested_.IsSet();
 
   uint32_t timeout = Event::kInfinite;
   if (allowed) {
@@ -227,9 +266,9 @@ void PackageManager::QueuePackage(const std::shared_ptr<PackageRequest>& request
       request->snapshot().path = folder.string();
     }
   }
-  std::error_code ec;
-  std::filesystem::create_directories(folder, ec);
-  if (ec) log.Log(loglevel::kWarning, kComponent, "Failed to create package storage folder: %ls", folder.string());
+  if (!store_.CreateFolder(folder)) {
+    log.Log(loglevel::kWarning, kComponent, "Failed to create package storage folder: %ls", folder.string());
+  }
   const bool frontBefore = queue_.Front() == id;
 
   PlaceInQueue(*request, id);
@@ -251,13 +290,23 @@ void PackageManager::PlaceInQueue(PackageRequest& request, const Guid& id) {
       missingSize = SizeKey(request.GetSize());
     } else {
       Snapshot updateList;
-      Validator validator;
+      // The check runs under the queue lock: it ends at the stop event, so
+      // that the engine thread, which needs that lock to finish, is not held.
+      ValidatorOptions checkOptions;
+      checkOptions.cancelled = [this] { return stop_.IsSet(); };
+      Validator validator(std::move(checkOptions));
       UpdateListOptions options;
       options.skipHash = request.clientDownloadsDisabled;
       validator.GetUpdateList(request.snapshot(), updateList, nullptr, options);
-      filesToUpdate = FileCount(updateList);
       filesInSnapshot = FileCount(request.snapshot());
-      if (filesToUpdate != 0) missingSize = TotalFileSize(updateList);
+      if (stop_.IsSet()) {
+        // A check cut short says nothing about the files: all count as missing.
+        filesToUpdate = filesInSnapshot;
+        missingSize = TotalFileSize(request.snapshot());
+      } else {
+        filesToUpdate = FileCount(updateList);
+        if (filesToUpdate != 0) missingSize = TotalFileSize(updateList);
+      }
     }
   }
 
@@ -285,7 +334,7 @@ void PackageManager::PlaceInQueue(PackageRequest& request, const Guid& id) {
 
 void PackageManager::InterruptDownload(int reason) {
   RecursiveLock lock(queueLock_);
-  if (transfer_) transfer_->Interrupt(reason);
+  InterruptTransfer(reason);
   multicast_.StopSession();
   wake_.Set();
 }
@@ -301,6 +350,16 @@ void PackageManager::OnNetworkStateChanged(uint32_t state) {
   services_.log->Log(loglevel::kInfo, kComponent, "Network state changed to 0x%08X, retry downloads if needed", state);
   RetryDownloadsIfNeeded();
 }
+
+void PackageManager::OnBlockoutStarted() { multicast_.OnBlockoutStarted(); }
+
+void PackageManager::OnBlockoutExpired() {
+  multicast_.OnBlockoutExpired();
+  // The thread waits without a time-out while downloads are blocked.
+  wake_.Set();
+}
+
+void PackageManager::OnSettingsChanged() { multicast_.Manage(MulticastEngine::kSettingsMayHaveChanged); }
 
 void PackageManager::OnServerStateChanged(uint32_t state) {
   services_.log->Log(loglevel::kTrace, kComponent, "Server state changed to 0x%08X, checking multicast state.",

@@ -24,11 +24,13 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include <pkgdlv/agent_services.h>
 #include <pkgdlv/package_enums.h>
 
+#include "agent/client_agent.h"
 #include "engine/download_queue.h"
 #include "engine/package_downloader.h"
 #include "engine/package_store.h"
@@ -41,10 +43,9 @@
 
 namespace pkgdlv {
 
-class ClientAgent;
 class PackageRequest;
 
-class PackageManager {
+class PackageManager : private ClientEventSink {
  public:
   // At most this many packages are resumed per ProcessResumeQueue, so that a
   // large work folder does not delay the first download.
@@ -58,7 +59,7 @@ class PackageManager {
   // Without a downloader the engine can queue and resume but not Start.
   PackageManager(const AgentServices& services, std::filesystem::path workFolder,
                  std::shared_ptr<PackageDownloader> downloader, std::shared_ptr<PeerDirectory> peers = nullptr);
-  ~PackageManager();  // Stop()
+  ~PackageManager() override;  // Stop()
   PackageManager(const PackageManager&) = delete;
   PackageManager& operator=(const PackageManager&) = delete;
 
@@ -67,13 +68,17 @@ class PackageManager {
   // 0x80070057 without a downloader.
   void Start();
   // Sets the stop event, interrupts the running transfer and joins the
-  // thread. Every wait and attempt of the engine ends at the stop event.
+  // thread. Every wait and attempt of the engine ends at the stop event. Takes
+  // no queue lock, so it never waits behind work that holds it; such work
+  // (the quick check of QueuePackage) ends at the stop event.
   void Stop();
   bool IsRunning() const { return thread_.joinable(); }
 
   // Places a request in the queue, or finds that its files are complete. With
   // restart, a running download of the package is interrupted and its
   // snapshot reloaded from its file first. The store learns the record.
+  // A stop during the quick check of the files ends it; the package is then
+  // queued as pending (not judged complete), so it resumes at the next start.
   // Throws Error 0x80070057 for a request without an identifier.
   void QueuePackage(const std::shared_ptr<PackageRequest>& request, bool restart);
   // Hands the running transfer the reason (see InterruptionReason) and wakes
@@ -89,26 +94,41 @@ class PackageManager {
   // change worth retrying for.
   void OnNetworkStateChanged(uint32_t state);
   void OnServerStateChanged(uint32_t state);
+  // The client's events, to which the engine is subscribed from construction
+  // to destruction (any thread): blockouts reach the multicast engine, and
+  // the end of one wakes the thread; a settings change makes the multicast
+  // engine read its settings again.
+  void OnBlockoutStarted() override;
+  void OnBlockoutExpired() override;
+  void OnSettingsChanged() override;
   // ---- The work folder (work_folder.cc) ----
 
   // Opens the lock file of the work folder (first closing it with reopen). A
   // failure is logged and the engine goes on without the lock.
   void LockWorkFolder(bool reopen);
-  // Makes folder the work folder (created when missing), locks it and
-  // resumes its packages. False when it already is the work folder. Throws
+  // Makes folder (its links resolved) the work folder (created when
+  // missing), locks it and resumes its packages. False when it already is
+  // the work folder (the same folder on disk, however spelled). Throws
   // Error: an empty path (0x80070057 "New working folder is not specified"),
-  // packages still queued for another folder (0x80004005 "Attribute
-  // workFolder has already been set and there are active downloads in the
-  // queue"), a folder that cannot be created ("Cannot create work folder").
+  // a relative path (0x80070057), a system folder (0x80070005), packages
+  // still queued for another folder (0x80004005 "Attribute workFolder has
+  // already been set and there are active downloads in the queue"), a folder
+  // that cannot be created or is not a folder ("Cannot create work folder").
   bool SetWorkFolder(const std::filesystem::path& folder);
   struct Relocation {
     uint32_t flags = PKGDLV_RELOCATE_SUCCESS;  // RelocatePackageStoreFlags
     uint64_t requiredMiB = 0;                  // with PKGDLV_RELOCATE_ABORTED_NO_SPACE
+    std::string message;                       // the logged reason of a refusal or failure
   };
-  // Moves the whole store to newFolder (the current folder: checks it and
-  // finishes earlier partial moves). Downloads are suspended meanwhile; a
-  // relocation refused for lack of space or failed in the move leaves them
-  // suspended until a relocation completes or the engine is made again.
+  // Moves the whole store to newFolder, judged and used with its links
+  // resolved (the current folder: checks it and finishes moves left as
+  // links, without waiting for a running download). A folder inside the
+  // store is refused. A move is all or nothing: a failure or a stop leaves
+  // every package in the old folder, which stays locked. Downloads are
+  // suspended meanwhile; a relocation refused for lack of space or failed in
+  // the move leaves them suspended until a relocation completes or the
+  // engine is made again. A package taken but not yet started is saved as
+  // pending first.
   Relocation RelocateWorkFolder(const std::filesystem::path& newFolder);
   // Set while a relocation is requested; downloads stop at it.
   Event& relocationRequested() { return relocationRequested_; }
@@ -154,6 +174,14 @@ class PackageManager {
   // restarted): queued by what it still misses, or valid when complete.
   void PlaceInQueue(PackageRequest& request, const Guid& id);
   void Save(PackageRequest& request);
+  // Relocation helpers (work_folder.cc). ValidateWorkFolder takes the locks
+  // itself; SuspendTakenPackages runs under the download and queue locks.
+  Relocation ValidateWorkFolder(const std::filesystem::path& folder);
+  void SuspendTakenPackages();
+  // The running attempt's transfer: set and cleared by PerformDownload,
+  // interrupted from any thread.
+  void SetTransfer(TransferControl* transfer);
+  void InterruptTransfer(int reason);
 
   const AgentServices& services_;
   DeliverySettings settings_;
@@ -170,9 +198,12 @@ class PackageManager {
   std::mutex downloadLock_;
   WorkFolderLock workFolderLock_;  // under queueLock_
 
-  std::recursive_mutex queueLock_;  // the queue, transfer_ and QueuePackage's status changes
+  std::recursive_mutex queueLock_;  // the queue and QueuePackage's status changes
   DownloadQueue queue_;
-  TransferControl* transfer_ = nullptr;  // the running attempt's, under queueLock_
+  // The last lock of all (only the transfer's own lock and its abort hook run
+  // inside it): Stop reaches the transfer without the queue lock.
+  std::mutex transferLock_;
+  TransferControl* transfer_ = nullptr;  // the running attempt's, under transferLock_
 
   mutable std::recursive_mutex resumeLock_;  // the resume queue; ResumeDownloads holds it around ProcessResumeQueue
   std::deque<Guid> resumeQueue_;

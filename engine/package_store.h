@@ -6,7 +6,11 @@
 // and kept in memory for as long as anyone holds it, so the engine, the
 // transport and the automation objects share one PackageRequest per package.
 //
-// Threads: any thread; the store's own mutex guards only its map and is never
+// A package folder that is a symbolic link is never used: its record is not
+// loaded or saved and it is not listed, so nothing is read or written through
+// it outside the store.
+//
+// Threads: any thread; the store's own mutex guards only its maps and is never
 // held while a record's lock is taken for more than a load.
 #pragma once
 
@@ -32,11 +36,19 @@ class PackageStore {
   std::filesystem::path workFolder() const;
   void SetWorkFolder(std::filesystem::path folder);
 
+  // A read-only store writes nothing: Save and CreateFolder only report
+  // success, and every record found or adopted is kept in memory, so what
+  // the engine decided stays visible. For showing what the engine would do
+  // (the tool's queue).
+  void SetReadOnly(bool readOnly);
+  bool readOnly() const;
+
   // The store moved from oldFolder to newFolder: the work folder changes and
   // every record in memory whose package folder was oldFolder/<{ID}> follows.
   void Relocate(const std::filesystem::path& oldFolder, const std::filesystem::path& newFolder);
 
-  // "<work folder>/<{ID}>" and its "package.xml".
+  // "<work folder>/<{ID}>" (or the folder's name in another letter case, as
+  // ListPackageIds found it) and its "package.xml".
   std::filesystem::path FolderOf(const Guid& id) const;
   std::filesystem::path DocumentPathOf(const Guid& id) const;
 
@@ -51,14 +63,21 @@ class PackageStore {
   // Makes Find return this record (one built from a request document).
   void Adopt(const std::shared_ptr<PackageRequest>& request);
 
-  // Writes the record's "package.xml" (creating its folder). A failure is
-  // logged at warning level, "Failed to save package: %ls" with the path, and
-  // returns false; the record is unchanged.
+  // Writes the record's "package.xml" (creating its folder). A failure (a
+  // package folder that is a link included) is logged at warning level,
+  // "Failed to save package: %ls" with the path, and returns false; the
+  // record is unchanged.
   bool Save(PackageRequest& request);
+  // Creates a package folder when missing; false on failure.
+  bool CreateFolder(const std::filesystem::path& folder);
 
-  // The identifiers of the work folder's package folders (directories named
-  // by a braced upper-case GUID, as FolderOf names them), in name order;
-  // stops early when stop is set.
+  // The records held in memory now (for the engine to settle before a move).
+  std::vector<std::shared_ptr<PackageRequest>> HeldRecords() const;
+
+  // The identifiers of the work folder's package folders (real directories,
+  // not links, named by a braced GUID in any letter case; the upper-case
+  // name wins when both exist), in identifier order; stops early when stop
+  // is set.
   std::vector<Guid> ListPackageIds(const Event* stop = nullptr) const;
 
  private:
@@ -67,7 +86,15 @@ class PackageStore {
   const AgentServices& services_;
   mutable std::mutex mutex_;
   std::filesystem::path workFolder_;
+  bool readOnly_ = false;
   std::map<Guid, std::weak_ptr<PackageRequest>> records_;
+  mutable std::map<Guid, std::string> folderNames_;  // package folders not named in upper case
+  std::vector<std::shared_ptr<PackageRequest>> pinned_;  // read-only: records never let go
 };
+
+// True when folder (not a link) holds the package id: its "package.xml" or
+// "snapshot.xml" (regular files, read up to a size cap) names that
+// identifier. Any thread.
+bool HoldsPackage(const std::filesystem::path& folder, const Guid& id);
 
 }  // namespace pkgdlv

@@ -22,19 +22,8 @@ void AddOnce(std::vector<std::string>& servers, const std::string& server) {
 }  // namespace
 
 std::string ServerOf(std::string_view location, std::string_view computerName) {
-  if (location.starts_with("\\\\\\")) return std::string(computerName);  // a local path
-  std::string_view rest;
-  if (location.starts_with("\\\\")) {
-    rest = location.substr(2);
-    return std::string(rest.substr(0, rest.find('\\')));
-  }
-  const size_t scheme = location.find("://");
-  if (scheme == std::string_view::npos) return std::string(computerName);
-  rest = location.substr(scheme + 3);
-  rest = rest.substr(0, rest.find_first_of("/?#"));
-  if (const size_t at = rest.rfind('@'); at != std::string_view::npos) rest = rest.substr(at + 1);
-  if (rest.starts_with('[')) return std::string(rest.substr(0, rest.find(']') + 1));  // IPv6 literal
-  return std::string(rest.substr(0, rest.find(':')));
+  std::string host = HostOfLocation(location);
+  return host.empty() ? std::string(computerName) : host;
 }
 
 ServerSelector::ServerSelector(Logger& log, ServerProfile& profile, std::string computerName, Event& stop)

@@ -38,8 +38,9 @@ struct ServerSelection {
 // Accepts or refuses a server; an empty filter accepts every one.
 using ServerFilter = std::function<bool(const std::string& server)>;
 
-// The server of a location: the host of a URL or UNC path; this computer
-// (computerName) for a local path.
+// The server of a location: its host (HostOfLocation, the key under which
+// the server profile counts the errors the transport records); this
+// computer (computerName) for a local path.
 std::string ServerOf(std::string_view location, std::string_view computerName);
 
 class ServerSelector {

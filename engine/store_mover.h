@@ -1,13 +1,21 @@
-// Moving a work folder's packages to another folder, and finishing such a move
-// in place.
+// Moving a work folder's packages to another folder, and finishing in place
+// the moves that an older store left as links.
 //
-// Each package folder (named by its braced identifier) is renamed into the new
-// folder; across file systems it is copied and the original removed. A package
-// that cannot be moved whole stays where it is, and a symbolic link in the new
-// folder points to it until a later move finishes the job (a move onto the
-// current folder does that: it replaces each such link with the folder it
-// points to). A copy leaves working files behind — a package's "cache"
-// folder and names ending in "-tmp" — since the engine makes them again.
+// A move is all or nothing: every package is checked before the first one
+// moves (a link that is not a package left behind, a name already taken in
+// the new folder), and when a later step fails — or the stop event is set —
+// the packages already moved go back, so every package stays where it was,
+// whole. Each package folder (named by its identifier, in any letter case)
+// is renamed into the new folder; across file systems it is copied in blocks
+// (the stop event is tested between files and blocks) and the originals are
+// removed only once every package has been copied. A copy leaves working
+// files behind — a package's "cache" folder and names ending in "-tmp" —
+// since the engine makes them again. Symbolic links inside a package are
+// moved as links by a rename and left out of a copy; they are never followed.
+//
+// A link in the store named by a package is followed only when it leads to a
+// real folder of the same name that holds that package's document (what an
+// older partial move left); any other link aborts the move.
 //
 // Lines go to the logger, component "PackageManager". One thread at a time;
 // the engine holds its download and queue locks around a move.
@@ -15,8 +23,12 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <optional>
+#include <vector>
 
 #include "agent/logger.h"
+#include "util/event.h"
 
 namespace pkgdlv {
 
@@ -31,29 +43,54 @@ StoreSize MeasureStore(const std::filesystem::path& workFolder);
 
 enum class MoveResult {
   kAllMoved = 0,     // every package is in the new folder
-  kPartlyMoved = 1,  // some packages are reached through links to their old place
-  kFailed = 2,       // the move was aborted; see the log
+  kPartlyMoved = 1,  // some packages are still reached through links to their old place
+  kFailed = 2,       // aborted (or stopped) with every package where it was; see the log
 };
 
 class StoreMover {
  public:
-  explicit StoreMover(Logger& log) : log_(log) {}
+  // The rename of one package folder: 0, or the errno of the failure (EXDEV
+  // makes the mover copy). Replaceable so that tests can simulate another
+  // file system or a failure.
+  using Rename = std::function<int(const std::filesystem::path& from, const std::filesystem::path& to)>;
 
-  // Moves every package folder of from into to (created when missing); with
-  // from equal to to, only finishes earlier partial moves. The old folder is
-  // removed when it is left empty.
+  // stop (may be null; must outlive the mover) ends a move between packages,
+  // files and blocks, as a failure.
+  explicit StoreMover(Logger& log, const Event* stop = nullptr);
+
+  // Moves every package folder of from into to (created when missing). With
+  // from and to the same folder, only finishes the moves left as links.
+  // from itself stays; see RemoveOldFolder.
   MoveResult Move(const std::filesystem::path& from, const std::filesystem::path& to);
 
+  // Looks at folder without changing it: kFailed when a package link leads
+  // to a foreign place, kPartlyMoved when moves are left as links, else
+  // kAllMoved.
+  MoveResult Check(const std::filesystem::path& folder);
+
+  // After a complete move: removes from's "cache" folder and from itself
+  // when empty ("Cannot clean-up directory after relocation: '%ls'" if not).
+  void RemoveOldFolder(const std::filesystem::path& from);
+
+  void SetRename(Rename rename) { rename_ = std::move(rename); }
+
  private:
-  // Moves one package folder's contents to target; on failure nothing is
-  // left at target.
-  bool MovePackage(const std::filesystem::path& source, const std::filesystem::path& target);
-  // Replaces the link at linkPath with the folder it points to.
+  struct Step;
+  // Every package of from with where it really is and where it goes; none
+  // when a package cannot be moved (logged).
+  std::optional<std::vector<Step>> Plan(const std::filesystem::path& from, const std::filesystem::path& to);
+  // Renames or copies one package; false (nothing left at target) on failure.
+  bool Place(Step& step);
+  void Undo(const std::vector<Step>& done);
   MoveResult FinishLinkedPackage(const std::filesystem::path& linkPath);
-  // Makes target a link to source, for a package left behind.
-  bool LinkInPlace(const std::filesystem::path& source, const std::filesystem::path& target);
+  // The package links of folder, all leading to packages left behind; none
+  // (logged) when one leads elsewhere.
+  std::optional<std::vector<std::filesystem::path>> LeftBehindLinks(const std::filesystem::path& folder);
+  bool Stopped() const { return stop_ && stop_->IsSet(); }
 
   Logger& log_;
+  const Event* stop_;
+  Rename rename_;
 };
 
 }  // namespace pkgdlv

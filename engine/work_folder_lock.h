@@ -1,6 +1,11 @@
 // The work folder's lock file, "pkgdlvlk.tmp": held with an exclusive lock
 // while the engine uses the folder, so a second engine (another process) cannot
 // take the same store, and deleted when it is closed.
+//
+// Since the holder deletes the file on close, a lock is only granted once the
+// path, checked after locking, still names the locked file; otherwise the
+// file was an old one and the attempt starts again with the current file.
+// One thread at a time per object.
 #pragma once
 
 #include <filesystem>

@@ -10,7 +10,9 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "multicast/multicast_settings.h"
 #include "util/guid.h"
 
 namespace pkgdlv {
@@ -31,6 +33,9 @@ struct MulticastCoreParameters {
   uint32_t waitSeconds = 0;  // time to wait to begin a session
   uint32_t minClients = 0;
   uint32_t clientsToWait = 0;
+  std::vector<AddressRange> listenerRanges;   // where this computer listens
+  std::vector<AddressRange> exclusionRanges;  // addresses left out
+  bool operator==(const MulticastCoreParameters&) const = default;
 };
 
 // One multicast download of a package.
@@ -48,7 +53,12 @@ class MulticastSession {
 class MulticastCore {
  public:
   virtual ~MulticastCore() = default;
+  // False when the core cannot start; the engine tries again at its next start.
   virtual bool Initialize(const MulticastCoreParameters& parameters) = 0;
+  // Changed settings for an initialised core, handed over while its
+  // management interface is closed. False keeps the ones it had (the
+  // interface is then not reopened).
+  virtual bool Reconfigure(const MulticastCoreParameters& parameters) = 0;
   virtual void SetSpeedLimits(uint32_t maxBytesPerSecond, uint32_t minBytesPerSecond) = 0;
   virtual bool OpenManagement() = 0;
   virtual void CloseManagement() = 0;
@@ -64,6 +74,7 @@ class MulticastCore {
 class UnavailableMulticastCore final : public MulticastCore {
  public:
   bool Initialize(const MulticastCoreParameters&) override { return false; }
+  bool Reconfigure(const MulticastCoreParameters&) override { return false; }
   void SetSpeedLimits(uint32_t, uint32_t) override {}
   bool OpenManagement() override { return false; }
   void CloseManagement() override {}

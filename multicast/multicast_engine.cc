@@ -38,7 +38,26 @@ MulticastEngine::CachedSettings MulticastEngine::ReadSettings() {
   s.byDefault = settings_.ByDefaultUseMulticast();
   s.neverMaster = settings_.CanNeverBeMaster();
   s.alwaysMaster = settings_.IsAlwaysMaster();
+  s.listenerRanges = settings_.ListenerRanges();
+  s.exclusionRanges = settings_.ExclusionRanges();
   return s;
+}
+
+MulticastEngine::CoreSettings MulticastEngine::CoreSettingsNow() {
+  CoreSettings core;
+  MulticastCoreParameters& parameters = core.parameters;
+  parameters.groupAddress = cached_.address;
+  parameters.port = cached_.port;
+  parameters.localAddress = deps_.localAddress ? deps_.localAddress() : std::string();
+  parameters.masterRank = cached_.neverMaster ? -1 : cached_.alwaysMaster ? 1 : 0;
+  parameters.waitSeconds = cached_.waitSeconds;
+  parameters.minClients = cached_.minClients;
+  parameters.clientsToWait = cached_.clientsToWait;
+  parameters.listenerRanges = cached_.listenerRanges;
+  parameters.exclusionRanges = cached_.exclusionRanges;
+  core.maxBandwidth = cached_.maxBandwidth;
+  core.minBandwidth = cached_.minBandwidth;
+  return core;
 }
 
 bool MulticastEngine::RegistrationIsGood() {
@@ -81,22 +100,44 @@ int MulticastEngine::Manage(int message) {
   return state_;
 }
 
+bool MulticastEngine::BlockoutInForce() {
+  try {
+    return deps_.client && deps_.client->IsDownloadBlocked();
+  } catch (...) {
+    // Unknown: the flag stays as the blockout events left it.
+    return blockout_;
+  }
+}
+
 bool MulticastEngine::InitialiseCore() {
-  MulticastCoreParameters parameters;
-  parameters.groupAddress = cached_.address;
-  parameters.port = cached_.port;
-  parameters.localAddress = deps_.localAddress ? deps_.localAddress() : std::string();
-  parameters.masterRank = cached_.neverMaster ? -1 : cached_.alwaysMaster ? 1 : 0;
-  parameters.waitSeconds = cached_.waitSeconds;
-  parameters.minClients = cached_.minClients;
-  parameters.clientsToWait = cached_.clientsToWait;
-  if (!deps_.core->Initialize(parameters)) return false;
-  deps_.core->SetSpeedLimits(cached_.maxBandwidth, cached_.minBandwidth);
+  CoreSettings core = CoreSettingsNow();
+  if (!deps_.core->Initialize(core.parameters)) return false;
+  deps_.core->SetSpeedLimits(core.maxBandwidth, core.minBandwidth);
+  handed_ = std::move(core);
   return true;
 }
 
+bool MulticastEngine::HandChangedSettingsToCore() {
+  CoreSettings core = CoreSettingsNow();
+  if (handed_ == core) return true;
+  if (!handed_ || handed_->parameters != core.parameters) {
+    if (!deps_.core->Reconfigure(core.parameters)) {
+      log_.Log(loglevel::kWarning, kComponent, "The multicast core refused the changed multicast settings");
+      return false;
+    }
+  }
+  deps_.core->SetSpeedLimits(core.maxBandwidth, core.minBandwidth);
+  handed_ = std::move(core);
+  return true;
+}
+
+void MulticastEngine::ShutDownCore() {
+  deps_.core->Shutdown();
+  handed_.reset();
+}
+
 void MulticastEngine::EndEngine() {
-  if (state_ >= kInterfaceClosed) deps_.core->Shutdown();
+  if (state_ >= kInterfaceClosed) ShutDownCore();
   state_ = kEnded;
 }
 
@@ -105,7 +146,11 @@ int MulticastEngine::Step(int message) {
     case kCreated:
       if (message == kTerminate) {
         EndEngine();
-      } else if (message == kEnable) {
+        return 0;
+      }
+      // A blockout that began before the engine was made sent no event here.
+      blockout_ = BlockoutInForce();
+      if (message == kEnable) {
         state_ = kNotInitialised;
       } else if (message == kDisable) {
         state_ = kDisabled;
@@ -132,12 +177,12 @@ int MulticastEngine::Step(int message) {
           return 0;
         }
         log_.Log(loglevel::kTrace, kComponent, "Getting multicast management interface");
-        if (!deps_.core->OpenManagement()) return 0;
+        if (!HandChangedSettingsToCore() || !deps_.core->OpenManagement()) return 0;
         state_ = kIdle;
         return message;
       }
       if (message == kDisable || message == kShutDown || message == kTerminate) {
-        deps_.core->Shutdown();
+        ShutDownCore();
         state_ = kNotInitialised;
         return message;
       }

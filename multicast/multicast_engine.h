@@ -7,13 +7,20 @@
 // which drives a small state machine under the engine's lock, so messages from
 // the engine thread, the agent's event threads and the core are handled one
 // after another. Lines go to component "MulticastEngine".
+//
+// The engine takes the agent's blockout state when it first decides its
+// state, and hands the core any changed settings (group, port, bandwidth,
+// address ranges, local address) each time it reopens the core's management
+// interface.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
+#include <vector>
 
 #include "agent/client_agent.h"
 #include "agent/logger.h"
@@ -52,7 +59,9 @@ class MulticastEngine {
 
   struct Dependencies {
     std::shared_ptr<MulticastCore> core;  // null: UnavailableMulticastCore
-    std::shared_ptr<ClientAgent> client;  // registration status; null counts as not registered
+    // Registration and blockout status; null counts as not registered and no
+    // blockout.
+    std::shared_ptr<ClientAgent> client;
     // The agent's own veto: true keeps multicast disabled.
     std::function<bool()> agentDisablesMulticast;
     // This computer's IPv4 address for the core.
@@ -90,16 +99,29 @@ class MulticastEngine {
     uint32_t port = 0, maxMasters = 0, minClients = 0, waitSeconds = 0, clientsToWait = 0, transmissions = 0,
              maxBandwidth = 0, minBandwidth = 0, sessionsPerSegment = 0, minPackageKb = 0;
     bool byDefault = true, neverMaster = false, alwaysMaster = false;
+    std::vector<AddressRange> listenerRanges, exclusionRanges;
     bool operator==(const CachedSettings&) const = default;
   };
+  // What the core was last given.
+  struct CoreSettings {
+    MulticastCoreParameters parameters;
+    uint32_t maxBandwidth = 0, minBandwidth = 0;
+    bool operator==(const CoreSettings&) const = default;
+  };
   CachedSettings ReadSettings();
+  CoreSettings CoreSettingsNow();
   bool RegistrationIsGood();
+  bool BlockoutInForce();
   bool SettingsAreValid();
   // One step of the state machine; returns the message to handle again, or 0
   // when the message is done.
   int Step(int message);
   void EndEngine();
+  void ShutDownCore();
   bool InitialiseCore();
+  // Before the interface reopens: hands the core the settings that changed
+  // since it last got them. False when the core refuses them.
+  bool HandChangedSettingsToCore();
 
   MulticastSettings settings_;
   Logger& log_;
@@ -111,6 +133,7 @@ class MulticastEngine {
   int deferred_ = 0;
   bool downloadEnded_ = false;
   CachedSettings cached_;
+  std::optional<CoreSettings> handed_;  // present while the core is initialised
   std::shared_ptr<MulticastSession> session_;  // the running download
   std::set<Guid> masterSessions_;
 };

@@ -18,6 +18,26 @@ constexpr uint32_t kMinInactiveMinutes = 5;
 constexpr uint32_t kMaxInactiveMinutes = 10080;
 constexpr std::string_view kListenPrefix = "Listen Range IP";
 constexpr std::string_view kExclusionPrefix = "Exclusion Range IP";
+constexpr std::string_view kListenerList = "Multicast Listener Range";
+constexpr std::string_view kExclusionList = "Multicast Exclusion Range";
+
+void CheckAddressLength(std::string_view what, std::string_view address) {
+  if (address.size() <= kMaxAddressTextBytes) return;
+  Throw(result::kInvalidArg, "%ls: an address of %u bytes is longer than the %u allowed", what,
+        static_cast<uint32_t>(address.size()), static_cast<uint32_t>(kMaxAddressTextBytes));
+}
+
+// Refuses, before anything is stored, a list that the limits do not allow.
+void CheckRanges(std::string_view listName, const std::vector<AddressRange>& ranges) {
+  if (ranges.size() > kMaxAddressRanges) {
+    Throw(result::kInvalidArg, "%ls: %u ranges are more than the %u allowed", listName,
+          static_cast<uint32_t>(ranges.size()), static_cast<uint32_t>(kMaxAddressRanges));
+  }
+  for (const AddressRange& range : ranges) {
+    CheckAddressLength(listName, range.start);
+    CheckAddressLength(listName, range.end);
+  }
+}
 
 }  // namespace
 
@@ -98,7 +118,10 @@ void MulticastSettings::WriteText(std::string_view name, std::string_view value)
 }
 
 void MulticastSettings::SetEnabled(bool value) { WriteNumber("Enabled", value ? 1 : 0); }
-void MulticastSettings::SetIPAddress(std::string_view value) { WriteText("IP Address", value); }
+void MulticastSettings::SetIPAddress(std::string_view value) {
+  CheckAddressLength("Multicast IP Address", value);
+  WriteText("IP Address", value);
+}
 void MulticastSettings::SetPort(uint32_t value) { WriteNumber("Port", value); }
 void MulticastSettings::SetMaxMastersPerClient(uint32_t value) { WriteNumber("Max Master sessions per client", value); }
 void MulticastSettings::SetMinNumberOfClients(uint32_t value) {
@@ -118,7 +141,7 @@ void MulticastSettings::SetMinPackageSizeKb(uint32_t value) { WriteNumber("Min p
 
 std::vector<AddressRange> MulticastSettings::ReadRanges(std::string_view prefix) {
   std::vector<AddressRange> ranges;
-  for (int n = 1;; ++n) {
+  for (int n = 1; n <= static_cast<int>(kMaxAddressRanges); ++n) {
     std::optional<SettingValue> start = store_.Get(kMulticastSettingsKey, Format("%ls %d Start", prefix, n));
     std::optional<SettingValue> end = store_.Get(kMulticastSettingsKey, Format("%ls %d End", prefix, n));
     if (!start || !end) break;
@@ -127,7 +150,9 @@ std::vector<AddressRange> MulticastSettings::ReadRanges(std::string_view prefix)
   return ranges;
 }
 
-void MulticastSettings::WriteRanges(std::string_view prefix, const std::vector<AddressRange>& ranges) {
+void MulticastSettings::WriteRanges(std::string_view prefix, std::string_view listName,
+                                    const std::vector<AddressRange>& ranges) {
+  CheckRanges(listName, ranges);
   try {
     for (int n = 1;; ++n) {
       const bool hadStart = store_.Delete(kMulticastSettingsKey, Format("%ls %d Start", prefix, n));
@@ -147,9 +172,11 @@ void MulticastSettings::WriteRanges(std::string_view prefix, const std::vector<A
 
 std::vector<AddressRange> MulticastSettings::ListenerRanges() { return ReadRanges(kListenPrefix); }
 std::vector<AddressRange> MulticastSettings::ExclusionRanges() { return ReadRanges(kExclusionPrefix); }
-void MulticastSettings::SetListenerRanges(const std::vector<AddressRange>& ranges) { WriteRanges(kListenPrefix, ranges); }
+void MulticastSettings::SetListenerRanges(const std::vector<AddressRange>& ranges) {
+  WriteRanges(kListenPrefix, kListenerList, ranges);
+}
 void MulticastSettings::SetExclusionRanges(const std::vector<AddressRange>& ranges) {
-  WriteRanges(kExclusionPrefix, ranges);
+  WriteRanges(kExclusionPrefix, kExclusionList, ranges);
 }
 
 std::string MulticastSettings::RangeDocument(std::string_view element, const std::vector<AddressRange>& ranges) {
@@ -166,11 +193,15 @@ std::string MulticastSettings::RangeDocument(std::string_view element, const std
 }
 
 std::vector<AddressRange> MulticastSettings::ParseRangeDocument(std::string_view text, std::string_view path,
-                                                                std::string_view failure) {
-  std::optional<xml::Document> document = xml::Document::TryParse(text);
-  if (!document) throw Error(result::kInvalidArg, std::string(failure));
+                                                                std::string_view listName) {
+  std::string reason;
+  std::optional<xml::Document> document = xml::Document::TryParse(text, &reason);
+  if (!document) Throw(result::kInvalidArg, "%ls XML failed to load: %ls", listName, reason);
   std::vector<AddressRange> ranges;
-  for (const xml::Node& address : document->Select(path)) {
+  const std::vector<xml::Node> addresses = document->Select(path);
+  // Checked again in full before storing; this only spares the copies.
+  if (addresses.size() > kMaxAddressRanges) CheckRanges(listName, std::vector<AddressRange>(addresses.size()));
+  for (const xml::Node& address : addresses) {
     xml::Node start = address.SelectFirst("start");
     xml::Node end = address.SelectFirst("end");
     ranges.push_back({start ? start.Text() : "", end ? end.Text() : ""});
@@ -182,12 +213,12 @@ std::string MulticastSettings::ListenerRangeDocument() { return RangeDocument("l
 std::string MulticastSettings::ExclusionRangeDocument() { return RangeDocument("exclusionRange", ExclusionRanges()); }
 
 void MulticastSettings::SetListenerRangeDocument(std::string_view xml) {
-  SetListenerRanges(ParseRangeDocument(xml, "/listenRange/address", "Multicast Listener Range XML failed to load"));
+  SetListenerRanges(ParseRangeDocument(xml, "/listenRange/address", kListenerList));
 }
 
 void MulticastSettings::SetExclusionRangeDocument(std::string_view xml) {
   SetExclusionRanges(
-      ParseRangeDocument(xml, "/exclusionRange/address", "Multicast Exclusion Range XML failed to load"));
+      ParseRangeDocument(xml, "/exclusionRange/address", kExclusionList));
 }
 
 }  // namespace pkgdlv

@@ -10,6 +10,7 @@
 // thread; the object keeps references to the store and the logger.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -21,6 +22,15 @@
 namespace pkgdlv {
 
 inline constexpr std::string_view kMulticastSettingsKey = "Communications\\Multicast";
+
+// Limits of the address ranges: ranges in one list, and bytes of one address
+// text (an IPv4 address takes at most 15; the rest is room for what a person
+// may type). A list or range document past them is refused whole with Error
+// 0x80070057 and changes nothing; reading a stored list stops after
+// kMaxAddressRanges pairs. The group address ("IP Address") has the same
+// length limit.
+inline constexpr size_t kMaxAddressRanges = 256;
+inline constexpr size_t kMaxAddressTextBytes = 64;
 
 // One IPv4 range as stored: an empty end means the single start address.
 struct AddressRange {
@@ -51,6 +61,7 @@ class MulticastSettings {
   bool IsAlwaysMaster();
 
   void SetEnabled(bool value);
+  // Throws Error 0x80070057 for an address longer than kMaxAddressTextBytes.
   void SetIPAddress(std::string_view value);
   void SetPort(uint32_t value);
   void SetMaxMastersPerClient(uint32_t value);
@@ -67,6 +78,7 @@ class MulticastSettings {
   std::vector<AddressRange> ListenerRanges();
   std::vector<AddressRange> ExclusionRanges();
   // Deletes the numbered pairs from 1 while they exist, then writes these.
+  // Throws Error 0x80070057 (nothing changed) past the limits above.
   void SetListenerRanges(const std::vector<AddressRange>& ranges);
   void SetExclusionRanges(const std::vector<AddressRange>& ranges);
 
@@ -76,8 +88,9 @@ class MulticastSettings {
   std::string ExclusionRangeDocument();
   // Reads "listenRange/address" (or "exclusionRange/address") elements and
   // replaces the list. A text that does not load throws Error 0x80070057
-  // "Multicast Listener Range XML failed to load" (or "... Exclusion ...")
-  // and changes nothing. The listener document is read under the root name
+  // "Multicast Listener Range XML failed to load: " (or "... Exclusion ...")
+  // followed by the parser's reason and line, and changes nothing; so do
+  // ranges past the limits above. The listener document is read under the root name
   // "listenRange", not the "listenerRange" its getter writes: a document
   // handed back unchanged selects no address and empties the list.
   void SetListenerRangeDocument(std::string_view xml);
@@ -91,9 +104,9 @@ class MulticastSettings {
   void WriteNumber(std::string_view name, uint32_t value);
   void WriteText(std::string_view name, std::string_view value);
   std::vector<AddressRange> ReadRanges(std::string_view prefix);
-  void WriteRanges(std::string_view prefix, const std::vector<AddressRange>& ranges);
+  void WriteRanges(std::string_view prefix, std::string_view listName, const std::vector<AddressRange>& ranges);
   std::string RangeDocument(std::string_view element, const std::vector<AddressRange>& ranges);
-  std::vector<AddressRange> ParseRangeDocument(std::string_view xml, std::string_view path, std::string_view failure);
+  std::vector<AddressRange> ParseRangeDocument(std::string_view xml, std::string_view path, std::string_view listName);
 
   SettingsStore& store_;
   Logger& log_;

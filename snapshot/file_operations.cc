@@ -26,11 +26,26 @@ bool HasPath(const Snapshot& snapshot) {
   return false;
 }
 
+bool IsSymlink(const fs::path& path) {
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+}
+
+enum class Root { kPackage, kUserFolder };
+
 // The entry's path below root, or nullopt (with a warning) when its name is
 // unsafe or a folder between root and it is a symbolic link, which could lead
-// anywhere.
-std::optional<fs::path> SafePath(const Snapshot& snapshot, const fs::path& root, const SnapshotEntry& entry) {
+// anywhere. A package folder may not be a link itself either; a folder the
+// caller names as a copy's target may.
+std::optional<fs::path> SafePath(const Snapshot& snapshot, const fs::path& root, const SnapshotEntry& entry,
+                                 Root kind = Root::kPackage) {
   try {
+    fs::path rootFolder = root.lexically_normal();
+    if (!rootFolder.has_filename()) rootFolder = rootFolder.parent_path();
+    if (kind == Root::kPackage && IsSymlink(rootFolder)) {
+      Throw(result::kInvalidArg, "Unsafe path '%ls': the package folder '%ls' is a symbolic link",
+            PrintableName(entry.RelativePath()), root.string());
+    }
     fs::path path = ResolveInside(root, entry.RelativePath());
     fs::path walked = root;
     fs::path relative = path.lexically_relative(root);
@@ -48,11 +63,6 @@ std::optional<fs::path> SafePath(const Snapshot& snapshot, const fs::path& root,
     snapshot.log().Log(loglevel::kWarning, kComponent, "%ls", e.description());
     return std::nullopt;
   }
-}
-
-bool IsSymlink(const fs::path& path) {
-  struct stat info {};
-  return ::lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
 }
 
 bool IsUnchanged(const SnapshotEntry& entry, const fs::path& target) {
@@ -95,7 +105,7 @@ bool CopyFiles(const Snapshot& snapshot, const fs::path& targetFolder, bool skip
   bool ok = true;
   for (const SnapshotEntry& entry : snapshot.entries) {
     std::optional<fs::path> source = SafePath(snapshot, snapshot.path, entry);
-    std::optional<fs::path> target = SafePath(snapshot, targetFolder, entry);
+    std::optional<fs::path> target = SafePath(snapshot, targetFolder, entry, Root::kUserFolder);
     if (!source || !target) {
       ok = false;
       continue;
@@ -194,8 +204,8 @@ void UpdateUnknownFiles(Snapshot& snapshot) {
                       (!snapshot.hashNotRequired && entry.fileHash.empty() && !entry.hasBlockHash);
     if (!entry.IsFile() || !incomplete) continue;
     std::optional<fs::path> path = SafePath(snapshot, snapshot.path, entry);
-    struct stat info {};
-    if (!path || ::stat(path->c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
+    struct stat info {};  // a link is not a regular file here: never read through
+    if (!path || ::lstat(path->c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
     if (entry.size == -1) entry.size = info.st_size;
     if (entry.lastModified == 0) entry.lastModified = FileTimeFromTimespec(info.st_mtim);
     if (!entry.fileHash.empty()) continue;

@@ -4,9 +4,12 @@
 //
 // Every path is the snapshot's package folder (snapshot.path) joined with an
 // entry's folder and name, resolved with ResolveInside, and no folder on the
-// way may be a symbolic link: a hostile name in a snapshot never reaches a
+// way may be a symbolic link, nor may the package folder itself (the
+// snapshot's, or MoveFiles' new folder; CopyFiles' target folder may be one):
+// a hostile name in a snapshot, or a link put in the store, never reaches a
 // file outside the package folder (or the target folder). Such an entry is
-// refused with a warning and counts as a failure.
+// refused with a warning and counts as a failure. A file that is a link is
+// moved or deleted as a link, never read or copied through.
 //
 // A file or folder that is not there (a package may lack files still to be
 // downloaded) is never a failure; any other failure is logged per file (the

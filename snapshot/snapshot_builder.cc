@@ -10,11 +10,13 @@
 #include <thread>
 
 #include "agent/crypto.h"
+#include "snapshot/snapshot_limits.h"
 #include "util/base64.h"
 #include "util/errno_result.h"
 #include "util/error.h"
 #include "util/safe_path.h"
 #include "util/strings.h"
+#include "util/xml.h"
 
 namespace fs = std::filesystem;
 
@@ -175,6 +177,35 @@ void HashFiles(std::vector<HashJob>& jobs, std::vector<SnapshotEntry>& entries, 
   if (failure) std::rethrow_exception(failure);
 }
 
+// An upper bound of the length of the document that ComposeDocumentFile
+// writes for these entries: per element its fixed text with the widest
+// numbers, times and file hash, the escaped name, the indentation, and the
+// Base64 block hashes that dominate it.
+uint64_t ComposedSizeBound(const std::vector<SnapshotEntry>& entries, uint32_t blockSize, const fs::path& root,
+                           bool withHashes) {
+  constexpr uint64_t kFixed = 1024;       // declaration, root element, Root folder
+  constexpr uint64_t kPerElement = 200;   // tags, attribute names, 20-digit numbers, times, file hash
+  uint64_t total = kFixed + 6 * root.string().size();
+  for (const SnapshotEntry& entry : entries) {
+    const uint64_t depth = static_cast<uint64_t>(std::count(entry.folder.begin(), entry.folder.end(), '\\')) + 3;
+    total += kPerElement + 4 * depth + xml::Escape(entry.IsFolder() ? entry.folder : entry.name).size();
+    if (withHashes && entry.size > 0) total += (entry.BlockCount(blockSize) * kBlockHashSize + 2) / 3 * 4;
+  }
+  return total;
+}
+
+// A document the readers would refuse is never written: refused before the
+// files are hashed, and again after (a file may have grown meanwhile).
+void CheckComposedSize(const std::vector<SnapshotEntry>& entries, const SnapshotBuildOptions& options,
+                       const fs::path& root) {
+  const uint64_t bound = ComposedSizeBound(entries, options.blockSize, root, options.computeHashes);
+  if (bound <= kMaxSnapshotDocumentBytes) return;
+  Throw(result::kInvalidArg,
+        "The snapshot document would take up to %I64u bytes, more than the %I64u a snapshot document may have: "
+        "choose a larger hash block size",
+        bound, kMaxSnapshotDocumentBytes);
+}
+
 void Commit(Snapshot& snapshot, Snapshot& built) {
   snapshot.entries = std::move(built.entries);
   snapshot.blockSize = built.blockSize;
@@ -196,8 +227,10 @@ void BuildSnapshotFromFolder(const fs::path& folder, const SnapshotBuildOptions&
   walk.Walk(root, std::string());
   Snapshot built;
   built.entries = std::move(walk.entries());
+  CheckComposedSize(built.entries, options, root);
   if (options.computeHashes) {
     HashFiles(walk.jobs(), built.entries, options);
+    CheckComposedSize(built.entries, options, root);
   } else {
     built.hasUnhashedFiles = !walk.jobs().empty();
   }

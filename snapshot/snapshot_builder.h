@@ -40,7 +40,10 @@ struct SnapshotBuildOptions {
 // hasBlockHash (for files of one byte or more) and state valid.
 //
 // Throws Error: the folder cannot be read; a symbolic link leads outside the
-// folder (0x80070057); a name is not valid UTF-8 or not a safe name
+// folder (0x80070057); the snapshot's document would be longer than
+// kMaxSnapshotDocumentBytes (0x80070057, "The snapshot document would take
+// up to ... choose a larger hash block size"; checked before hashing, so
+// that nothing is written that could not be read back); a name is not valid UTF-8 or not a safe name
 // (0x80070057); two names differ only in letter case (0x80070057); a file
 // cannot be hashed. The snapshot is left unchanged then. Any thread; the
 // snapshot must not be used elsewhere meanwhile.

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 
+#include "snapshot/snapshot_limits.h"
 #include "snapshot/snapshot_tree_reader.h"
 #include "util/xml.h"
 
@@ -76,7 +77,8 @@ class DomWalk {
     if (!ParseFolder(rootFolder, std::string(), fresh.entries)) return false;
     std::optional<std::string_view> size = DomAttributes(rootFolder, scratch_).Get("size");
     std::string sizeText(size.value_or(""));
-    return reader_.Finish(size ? std::optional<std::string_view>(sizeText) : std::nullopt, fresh);
+    return reader_.Finish(size ? std::optional<std::string_view>(sizeText) : std::nullopt, fresh) &&
+           CheckBlocksJustified(reader_, fresh, hashTextBytes_);
   }
 
  private:
@@ -93,7 +95,9 @@ class DomWalk {
       if (IsBlankText(child)) continue;
       if (child->type != XML_ELEMENT_NODE) break;
       if (NameIs(child, "File")) {
-        if (!reader_.ReadFile(DomAttributes(child, scratch_), folderPath, entries)) return false;
+        DomAttributes attributes(child, scratch_);
+        if (!reader_.ReadFile(attributes, folderPath, entries)) return false;
+        hashTextBytes_ += attributes.Get("blockHash").value_or("").size();
       } else if (NameIs(child, "Folder")) {
         std::optional<std::string> subfolder = reader_.SubfolderPath(DomAttributes(child, scratch_), folderPath);
         if (!subfolder || !ParseFolder(child, *subfolder, entries)) return false;
@@ -104,9 +108,17 @@ class DomWalk {
 
   SnapshotTreeReader& reader_;
   std::string scratch_;
+  uint64_t hashTextBytes_ = 0;
 };
 
 }  // namespace
+
+bool CheckBlocksJustified(SnapshotTreeReader& reader, const Snapshot& fresh, uint64_t hashTextBytes) {
+  const uint64_t justified = hashTextBytes * 3 / 4 / kBlockHashSize + kUnhashedBlockAllowance;
+  if (fresh.totalBlocks <= justified) return true;
+  return reader.Warn("Invalid snapshot XML: Too many hash blocks: %u blocks, the document justifies %I64u",
+                     fresh.totalBlocks, justified);
+}
 
 bool SnapshotTreeReader::BadValue(std::string_view attribute, std::string_view value) {
   return Warn("Invalid snapshot XML: Bad value '%ls' of attribute '%ls'", PrintableName(value.substr(0, 64)),

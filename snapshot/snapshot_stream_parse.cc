@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "snapshot/snapshot_limits.h"
 #include "snapshot/snapshot_tree_reader.h"
 #include "util/error.h"
 #include "util/xml.h"
@@ -87,6 +88,7 @@ class StreamWalk final : public xml::SAXContentHandler {
     if (parent.kind != Kind::kFolder || !parent.walking) return Skip();
     if (name == "File") {
       if (!reader_.ReadFile(attrs, path_, fresh_.entries)) return Fail(false);
+      hashTextBytes_ += attrs.Get("blockHash").value_or("").size();
       return Skip();
     }
     if (name == "Folder") {
@@ -121,7 +123,8 @@ class StreamWalk final : public xml::SAXContentHandler {
   bool Finish() {
     if (failed_) return false;
     if (!sawRoot_) return reader_.Warn("Invalid snapshot XML: Missing Root element");
-    return reader_.Finish(rootSize_ ? std::optional<std::string_view>(*rootSize_) : std::nullopt, fresh_);
+    return reader_.Finish(rootSize_ ? std::optional<std::string_view>(*rootSize_) : std::nullopt, fresh_) &&
+           CheckBlocksJustified(reader_, fresh_, hashTextBytes_);
   }
 
  private:
@@ -150,6 +153,7 @@ class StreamWalk final : public xml::SAXContentHandler {
   std::optional<std::string> rootSize_;
   bool sawRoot_ = false;
   bool failed_ = false;
+  uint64_t hashTextBytes_ = 0;
 };
 
 }  // namespace
@@ -157,10 +161,11 @@ class StreamWalk final : public xml::SAXContentHandler {
 bool Snapshot::LoadXml(std::string text, bool isSecurityData) {
   std::optional<size_t> tags = isSecurityData ? std::nullopt : CountTagsOfPlainDocument(text);
   if (!tags) {
-    std::optional<xml::Document> document = xml::Document::TryParse(text);
+    std::string reason = "the document has no root element";
+    std::optional<xml::Document> document = xml::Document::TryParse(text, &reason);
     xml::Node root = document ? document->Root() : xml::Node();
     if (!root) {
-      log_->Log(loglevel::kWarning, kSnapshotLogComponent, "Invalid snapshot XML: XML failed to load");
+      log_->LogWithError(loglevel::kWarning, kSnapshotLogComponent, reason, "Invalid snapshot XML: XML failed to load");
       return false;
     }
     if (isSecurityData) return ParseSecurityData(root);
@@ -177,9 +182,10 @@ bool Snapshot::LoadXml(std::string text, bool isSecurityData) {
   try {
     xml::SAXParser parser;
     parser.ParseMemory(text, walk);
-  } catch (const Error&) {
+  } catch (const Error& e) {
     reader.Discard();
-    log_->Log(loglevel::kWarning, kSnapshotLogComponent, "Invalid snapshot XML: XML failed to load");
+    log_->LogWithError(loglevel::kWarning, kSnapshotLogComponent, e.description(),
+                       "Invalid snapshot XML: XML failed to load");
     return false;
   }
   bool ok = walk.Finish();

@@ -102,7 +102,8 @@ void Validator::ValidateSparseFile(const Snapshot& snapshot, SnapshotEntry& entr
       return;
     }
     const uint32_t want = static_cast<uint32_t>(std::min<int64_t>(blockSize, size - offset));
-    std::span<uint8_t> buffer = Buffer(blockSize).first(want);
+    // want stays within the allocated ranges found above, so within the file.
+    std::span<uint8_t> buffer = Buffer(want);
     ssize_t got = ReadFully(file.get(), buffer);
     if (got < 0) {
       log.LogWithError(loglevel::kError, kComponent, ErrorText(errno), "Failed to read block %d from sparse file '%ls'",

@@ -105,6 +105,12 @@ void Validator::GetUpdateList(Snapshot& snapshot, Snapshot& updateList, DynamicB
 
   for (SnapshotEntry& entry : snapshot.entries) {
     if (!entry.IsFile()) continue;
+    // A caller that stops (the agent is stopping) gets the files not yet
+    // looked at as files to fetch: never judged complete unread.
+    if (options_.cancelled && options_.cancelled()) {
+      updateList.entries.push_back(entry);
+      continue;
+    }
     if (options.sparseMode) {
       if (!StatEntry(snapshot, entry).present) {
         updateList.entries.push_back(entry);

@@ -22,6 +22,8 @@ using validation_io::ReadFully;
 
 namespace {
 constexpr std::string_view kComponent = kSnapshotLogComponent;
+// The whole-file hash reads in pieces of at most this much.
+constexpr size_t kWholeFileChunk = 1 << 20;
 }  // namespace
 
 std::filesystem::path EntryPath(const Snapshot& snapshot, const SnapshotEntry& entry) {
@@ -31,9 +33,9 @@ std::filesystem::path EntryPath(const Snapshot& snapshot, const SnapshotEntry& e
 Validator::Validator(ValidatorOptions options) : options_(std::move(options)) {}
 Validator::~Validator() = default;
 
-std::span<uint8_t> Validator::Buffer(uint32_t blockSize) {
-  if (buffer_.size() < blockSize) buffer_.resize(blockSize);
-  return std::span(buffer_.data(), blockSize);
+std::span<uint8_t> Validator::Buffer(size_t bytes) {
+  if (buffer_.size() < bytes) buffer_.resize(bytes);
+  return std::span(buffer_.data(), bytes);
 }
 
 Result Validator::HashBlock(std::span<const uint8_t> block, std::span<const uint8_t> previous,
@@ -71,7 +73,9 @@ Result Validator::CalculateBlockHashes(const Snapshot& snapshot, const std::file
     const uint32_t blockSize = snapshot.blockSize;
     const uint64_t blocks = (size + blockSize - 1) / blockSize;
     hashes.resize(blocks * kBlockHashSize);
-    std::span<uint8_t> buffer = Buffer(blockSize);
+    // A block never holds more than the file: the block size alone (a
+    // number from a document) does not size the buffer.
+    std::span<uint8_t> buffer = Buffer(static_cast<size_t>(std::min<uint64_t>(blockSize, size)));
     for (uint64_t i = 0; i < blocks; ++i) {
       uint32_t want = static_cast<uint32_t>(std::min<uint64_t>(blockSize, size - i * blockSize));
       ssize_t got = ReadFully(file.get(), buffer.first(want));
@@ -155,9 +159,15 @@ void Validator::ValidateWholeFile(const Snapshot& snapshot, SnapshotEntry& entry
     if (file.ok()) {
       ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
       openssl::Sha256Stream stream;
-      std::span<uint8_t> buffer = Buffer(snapshot.blockSize);
+      std::span<uint8_t> buffer = Buffer(std::min<size_t>(snapshot.blockSize, kWholeFileChunk));
       ssize_t got = 0;
-      while ((got = ReadFully(file.get(), buffer)) > 0) stream.Update(buffer.first(static_cast<size_t>(got)));
+      while ((got = ReadFully(file.get(), buffer)) > 0) {
+        if (options_.cancelled && options_.cancelled()) {
+          entry.state = entrystate::kInvalid;  // unread to its end: not known to be good
+          return;
+        }
+        stream.Update(buffer.first(static_cast<size_t>(got)));
+      }
       if (got == 0) {
         digest = stream.Finish();
         hashed = true;
@@ -214,13 +224,15 @@ void Validator::ValidateBlocks(const Snapshot& snapshot, SnapshotEntry& entry, c
     bitset->SetRange(entry.firstBlock, static_cast<uint32_t>(entry.firstBlock + blockCount - 1), false);
   }
 
-  std::span<uint8_t> buffer = Buffer(blockSize);
+  // Blocks are read only as far as the file on disk goes, so the buffer never
+  // needs more than it holds, whatever block size and size the document says.
+  std::span<uint8_t> buffer = Buffer(static_cast<size_t>(std::min<int64_t>({blockSize, diskSize, entry.size})));
   bool failed = false;
   uint32_t logFlags = 0;
   uint32_t index = 0;
   for (int64_t offset = 0; offset < diskSize && offset < entry.size; offset += blockSize, ++index) {
     uint32_t want = static_cast<uint32_t>(std::min<int64_t>(blockSize, entry.size - offset));
-    ssize_t got = ReadFully(file.get(), buffer.first(want));
+    ssize_t got = ReadFully(file.get(), buffer.first(static_cast<size_t>(std::min<int64_t>(want, diskSize - offset))));
     Result code = 0;
     if (got < 0) {
       int error = errno;

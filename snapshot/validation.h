@@ -155,7 +155,8 @@ class Validator {
  private:
   struct OpenFile;
   Result HashBlock(std::span<const uint8_t> block, std::span<const uint8_t> previous, std::vector<uint8_t>& out);
-  std::span<uint8_t> Buffer(uint32_t blockSize);
+  // The reused read buffer, at least `bytes` long.
+  std::span<uint8_t> Buffer(size_t bytes);
   void ValidateWholeFile(const Snapshot& snapshot, SnapshotEntry& entry, const std::filesystem::path& path);
   void ValidateBlocks(const Snapshot& snapshot, SnapshotEntry& entry, const std::filesystem::path& path,
                       DynamicBitset* bitset);
@@ -166,7 +167,7 @@ class Validator {
   bool LoadHashesOnce(Snapshot& snapshot, std::string_view warning);
 
   ValidatorOptions options_;
-  std::vector<uint8_t> buffer_;  // one block, reused across blocks and files
+  std::vector<uint8_t> buffer_;  // at most one block (never more than the file), reused across blocks and files
   std::vector<uint8_t> hashOut_;
   bool hashesLoaded_ = false;    // GetUpdateList's "load the block hashes once"
   bool hashesFromText_ = false;

@@ -69,19 +69,20 @@ bool PackageDownload::GetPackageInfo(const PackageInfoQuery& query, std::string&
       response = RequestPackageInfo(query);
       std::lock_guard lock(mutex_);
       ProcessBackoff().state.RecordSuccess();
-    } catch (const Error& error) {
-      SetLastResult(error.code(), error.description());
-      if (IsServerBusyCode(error.code())) {
-        BackoffAfterBusyAnswer(error.code());
-      } else {
-        log().Log(loglevel::kError, kLog, "Download package sources failed: %ls (0x%08X)", error.description(),
-                  error.code());
-      }
     } catch (...) {
-      SetLastResult(result::kFail, "Unknown error");
-      log().Log(loglevel::kError, kLog, "Download package sources failed: Unknown error");
+      const Failure failure = OperationFailure();
+      SetLastResult(failure.code, failure.description);
+      if (IsServerBusyCode(failure.code)) {
+        BackoffAfterBusyAnswer(failure.code);
+      } else if (failure.unexpected) {
+        log().Log(loglevel::kError, kLog, "Download package sources failed: Unknown error");
+      } else {
+        log().Log(loglevel::kError, kLog, "Download package sources failed: %ls (0x%08X)", failure.description,
+                  failure.code);
+      }
     }
   }
+  retryAfter_ = 0;
   Finish();
   return LastResult() == result::kOk;
 }
@@ -105,16 +106,16 @@ bool PackageDownload::BackoffInForce() {
 void PackageDownload::BackoffAfterBusyAnswer(Result code) {
   const uint32_t maxMinutes = DeliverySettings(*services_.settings, log()).ServerRequestMaxBackoffMinutes();
   const FileTime now = Now();
-  uint32_t minutes = 0;
+  FileTime end = 0;
   {
     std::lock_guard lock(mutex_);
-    minutes = ProcessBackoff().state.RecordBusy(now, maxMinutes);
-    nextAllowedTime_ = now + minutes * kFileTimeTicksPerMinute;
+    end = ProcessBackoff().state.RecordBusy(now, maxMinutes, retryAfter_);
+    nextAllowedTime_ = end;
   }
   log().Log(loglevel::kWarning, kLog,
             "Server is busy or paused (0x%08X). GetPackageInfo server request is backing off and will be retried in "
             "%ls.",
-            code, FormatDuration(uint64_t{minutes} * 60'000));
+            code, FormatDuration((end - now) / kFileTimeTicksPerMs));
 }
 
 std::string PackageDownload::ComposeRequestDocument(const PackageInfoQuery& query) {
@@ -148,11 +149,14 @@ std::string PackageDownload::ComposeRequestDocument(const PackageInfoQuery& quer
 }
 
 std::string PackageDownload::RequestPackageInfo(const PackageInfoQuery& query) {
+  // A normal download, whatever options an earlier transfer of this object
+  // left behind (a peer's rate limit above all).
+  SetConnectionOptions(false, 0, 0);
   std::string document;
   std::string url = query.url;
   if (HasAspExtension(query.url)) {
     document = ComposeRequestDocument(query);
-    url = Format("%ls?xml=%ls", query.url, document);
+    url = Format("%ls?xml=%ls", query.url, PercentEncode(document));
   }
   log().Log(loglevel::kInfo, kLog, "Download package sources from: %ls", url);
 
@@ -188,7 +192,7 @@ std::string PackageDownload::RequestPackageInfo(const PackageInfoQuery& query) {
     RequestOptions options;
     options.maxBodyBytes = kMaxAnswerBytes;
     NetworkTransport& network = transport();
-    std::vector<uint8_t> body = network.DownloadBytes(httpUrl, options);
+    std::vector<uint8_t> body = DownloadAnswer(network, httpUrl, options, query.url);
     // The transport hands over bytes. A body an HTTP server declared as text
     // is the text answer, any other HTTP body binary data that has to prove
     // its integrity by its headers. A file from a folder or share comes
@@ -214,6 +218,24 @@ std::string PackageDownload::RequestPackageInfo(const PackageInfoQuery& query) {
   return std::string(SkipByteOrderMark(answer.text));
 }
 
+// A busy proxy or server may say so with its HTTP status instead of an
+// answer document; that is the same busy answer, and its Retry-After is the
+// earliest time to ask again.
+std::vector<uint8_t> PackageDownload::DownloadAnswer(NetworkTransport& network, const std::string& httpUrl,
+                                                     const RequestOptions& options, const std::string& serverUrl) {
+  try {
+    return network.DownloadBytes(httpUrl, options);
+  } catch (const Error& error) {
+    const int status = network.HttpStatus();
+    if (error.code() != result::kHttpNotFound || (status != 503 && status != 429)) throw;
+    if (std::optional<std::string> retryAfter = network.ResponseHeader("Retry-After")) {
+      retryAfter_ = ParseRetryAfter(*retryAfter, Now()).value_or(0);
+    }
+    RecordServerError(serverUrl);
+    ThrowServerError(result::kServerBusy, {});
+  }
+}
+
 std::string PackageDownload::BinaryAnswerToText(std::vector<uint8_t>& bytes, const std::string& url) {
   if (bytes.empty()) {
     RecordServerError(url);
@@ -225,7 +247,7 @@ std::string PackageDownload::BinaryAnswerToText(std::vector<uint8_t>& bytes, con
   if (decrypted.code == result::kOk) {
     text.emplace(decrypted.plain.begin(), decrypted.plain.end());
   } else if (IsCompressed(bytes.data(), bytes.size())) {
-    if (Decompress(bytes, loglevel::kSilent, log())) {
+    if (Decompress(bytes, kMaxAnswerBytes, loglevel::kSilent, log())) {
       text.emplace(bytes.begin(), bytes.end());
     } else {
       log().Log(loglevel::kError, kLog, "Error during decompression");

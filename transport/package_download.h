@@ -90,13 +90,27 @@ class PackageDownload {
   PackageDownload& operator=(const PackageDownload&) = delete;
 
   // Asks the Quillon Server for the package's sources; on success response
-  // holds the answer document (UTF-8).
+  // holds the answer document (UTF-8). Runs as a normal download: the
+  // connection options of an earlier transfer (a peer's rate limit) are
+  // replaced first. The request document goes into the query percent-encoded
+  // whole. A busy answer (in the document, or an HTTP status 503 or 429 from
+  // the server or a proxy) starts or prolongs the back-off; a Retry-After
+  // header makes it last at least that long, up to the maximum back-off.
   bool GetPackageInfo(const PackageInfoQuery& query, std::string& response);
 
   // Fills snapshot (its entries, id, signature and signed bytes; the caller's
   // path is kept) from the snapshot URL, else the source folder's listing
   // file, else a listing of the source folder. After a failure the snapshot
   // may hold part of what was read; the caller discards it.
+  //
+  // What is signed: the snapshot document, byte for byte as the server
+  // produced it. A dynamic page may send it packed in a compressed frame;
+  // the frame is only the way it travels, so the signature covers the
+  // document after decompression, never the frame. signedData holds exactly
+  // those bytes (no byte order mark removed, nothing re-encoded): they become
+  // snapshot.xml, so the signature can be checked again from the file.
+  //
+  // The values placed in a dynamic page's query are percent-encoded whole.
   bool DownloadSnapshot(const SnapshotQuery& query, Snapshot& snapshot);
 
   // Any thread: ends the running operation promptly through the network
@@ -148,7 +162,8 @@ class PackageDownload {
   bool BackoffInForce();
   void BackoffAfterBusyAnswer(Result code);
   std::string AnswerFromSender(const std::string& url, const std::string& document, std::string& redirectUrl);
-  std::string AnswerFromHttp(const std::string& url);
+  std::vector<uint8_t> DownloadAnswer(NetworkTransport& network, const std::string& httpUrl,
+                                      const RequestOptions& options, const std::string& serverUrl);
   std::string BinaryAnswerToText(std::vector<uint8_t>& body, const std::string& url);
 
   void FetchSnapshot(const SnapshotQuery& query, const std::string& url, Snapshot& snapshot);
@@ -169,6 +184,7 @@ class PackageDownload {
   FileTime nextAllowedTime_ = 0;
   bool transportEndedNormally_ = true;
   bool credentialsSet_ = false;  // engine thread only
+  FileTime retryAfter_ = 0;      // engine thread only: the busy answer's Retry-After, in ticks
 };
 
 }  // namespace pkgdlv

@@ -141,8 +141,14 @@ bool SiteTransfer::Run(int action, const PackageRequest* request, std::string_vi
               e.code());
     }
   } catch (...) {
-    SetFailure(result::kFail, "Unknown error");
-    log.Log(loglevel::kWarning, kLog, "Failed to execute SiteTransfer action. Unknown error");
+    const Failure failure = OperationFailure();
+    SetFailure(failure.code, failure.description);
+    if (failure.code == kOutOfMemory) {
+      log.Log(loglevel::kWarning, kLog, "Failed to execute SiteTransfer action: %ls (0x%08X)", failure.description,
+              failure.code);
+    } else {
+      log.Log(loglevel::kWarning, kLog, "Failed to execute SiteTransfer action. Unknown error");
+    }
   }
   return false;
 }

@@ -10,12 +10,14 @@
 #include "records/package_request.h"
 #include "snapshot/snapshot.h"
 #include "snapshot/snapshot_builder.h"
+#include "transport/location.h"
 #include "transport/package_download.h"
 #include "transport/response_text.h"
 #include "transport/server_answer.h"
 #include "transport/url_parts.h"
 #include "util/compressed_frame.h"
 #include "util/error.h"
+#include "util/file_reader.h"
 #include "util/strings.h"
 
 namespace pkgdlv {
@@ -52,7 +54,7 @@ bool ListingFileMissing(Result code, int httpStatus) {
 void UnpackCompressedBody(std::string& body, Logger& log) {
   if (!IsCompressed(reinterpret_cast<const uint8_t*>(body.data()), body.size())) return;
   std::vector<uint8_t> bytes(body.begin(), body.end());
-  if (!Decompress(bytes, loglevel::kSilent, log)) {
+  if (!Decompress(bytes, xml::kMaxDocumentBytes, loglevel::kSilent, log)) {
     Failure failure = LastFrameFailure();
     Throw(failure.code, "Error during decompression: %ls", failure.description);
   }
@@ -77,12 +79,14 @@ bool PackageDownload::DownloadSnapshot(const SnapshotQuery& query, Snapshot& sna
       ListSourceDirectory(query, snapshot);
     }
     log().Log(loglevel::kInfo, kLog, "Download Snapshot complete: OK");
-  } catch (const Error& error) {
-    SetLastResult(error.code(), error.description());
-    log().Log(loglevel::kError, kLog, "Download Snapshot failed: %ls (%d)", error.description(), error.code());
   } catch (...) {
-    SetLastResult(result::kFail, "Unknown error");
-    log().Log(loglevel::kError, kLog, "Download Snapshot failed: Unknown error");
+    const Failure failure = OperationFailure();
+    SetLastResult(failure.code, failure.description);
+    if (failure.unexpected) {
+      log().Log(loglevel::kError, kLog, "Download Snapshot failed: Unknown error");
+    } else {
+      log().Log(loglevel::kError, kLog, "Download Snapshot failed: %ls (%d)", failure.description, failure.code);
+    }
   }
   Finish();
   return LastResult() == result::kOk;
@@ -146,6 +150,8 @@ bool PackageDownload::TryListingFile(const SnapshotQuery& query, Snapshot& snaps
   const std::string path = JoinLocation(query.sourceDirectory, kListingFileName);
   log().Log(loglevel::kInfo, kLog, "Download snapshot from file: %ls", path);
   try {
+    if (TransportLocation local = ConvertLocation(path); local.kind == TransportLocation::Kind::kLocalFile)
+      CheckFileToReadIfPresent(local.localPath);  // never wait on a FIFO put there
     FetchSnapshot(query, path, snapshot);
   } catch (const Error& error) {
     log().Log(loglevel::kWarning, kLog, "Failed to load snapshot from file: %ls (%d)", path, error.code());

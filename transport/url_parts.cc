@@ -63,11 +63,30 @@ bool PathEndsInDynamicPage(std::string_view url) {
   return EndsWithNoCase(path, "aspx") || EndsWithNoCase(path, "asp") || EndsWithNoCase(path, "cgi");
 }
 
+std::string PercentEncode(std::string_view text) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size() * 3);
+  for (char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool unreserved = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+                            c == '-' || c == '.' || c == '_' || c == '~';
+    if (unreserved) {
+      out += c;
+    } else {
+      out += '%';
+      out += kHex[byte >> 4];
+      out += kHex[byte & 0xF];
+    }
+  }
+  return out;
+}
+
 std::string SnapshotRequestUrl(std::string_view url, std::string_view resource, std::string_view packageIdText,
                                int32_t version) {
   std::string out(url);
   if (!PathEndsInDynamicPage(url)) return out;
-  out += Format("?Resource=%ls&PackageId=%ls", resource, packageIdText);
+  out += Format("?Resource=%ls&PackageId=%ls", PercentEncode(resource), PercentEncode(packageIdText));
   if (version > 0) out += Format("&PkgVersion=%d", version);
   return out + "&compress=1";
 }
@@ -82,7 +101,7 @@ std::string RedirectRequestUrl(std::string_view requestedUrl, std::string_view r
     target.port = requested.port;
   }
   if (target.hasQuery) return Format("%ls?%ls", target.WithoutQuery(), target.query);
-  return Format("%ls?xml=%ls&redirect=true", target.WithoutQuery(), requestDocument);
+  return Format("%ls?xml=%ls&redirect=true", target.WithoutQuery(), PercentEncode(requestDocument));
 }
 
 std::string SiblingLocation(std::string_view location, std::string_view name) {

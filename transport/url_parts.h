@@ -37,16 +37,24 @@ bool HasAspExtension(std::string_view url);
 // "cgi" (ASCII case-insensitive).
 bool PathEndsInDynamicPage(std::string_view url);
 
+// Every byte of text outside the unreserved set (letters, digits, "-", ".",
+// "_", "~") as "%XX", so that any value, a whole XML document included,
+// stands in a query as one value: "&", "#", "+", "%", quotes, "<" and
+// spaces can never end it or change its meaning on the way.
+std::string PercentEncode(std::string_view text);
+
 // The URL a snapshot is fetched from: a dynamic page gets the query
 // "?Resource=<resource>&PackageId=<id>[&PkgVersion=<version>]&compress=1"
-// (the version only when above 0); any other URL stands as it is.
+// (the version only when above 0; each value percent-encoded); any other
+// URL stands as it is.
 std::string SnapshotRequestUrl(std::string_view url, std::string_view resource, std::string_view packageIdText,
                                int32_t version);
 
 // The URL of a redirect given by the persistent connection sender: a
 // redirect without host whose path begins with "/" or "\" takes scheme, host
 // and port from the requested URL. A redirect with a query keeps it
-// ("%ls?%ls"); one without gets the request document ("%ls?xml=%ls&redirect=true").
+// ("%ls?%ls"); one without gets the request document, percent-encoded
+// ("%ls?xml=%ls&redirect=true").
 std::string RedirectRequestUrl(std::string_view requestedUrl, std::string_view redirect,
                                std::string_view requestDocument);
 

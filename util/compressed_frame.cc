@@ -3,6 +3,8 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <optional>
 #include <span>
 #include <string>
@@ -13,16 +15,14 @@ namespace pkgdlv {
 namespace {
 
 constexpr size_t kLengthSize = 4;
-// Each chunk's output goes into a window of 64 KiB, enlarged by 64 KiB each
-// time zlib fills it.
+// Packing writes each chunk into a window of 64 KiB, enlarged by 64 KiB each
+// time zlib fills it; unpacking passes its output on one 64 KiB window at a
+// time.
 constexpr size_t kWindowStep = 0x10000;
-// A writer of the format never puts more than 64 KiB into a chunk, but the
-// window grows for inflating as it does for deflating, so a chunk from a
-// writer that used larger slices is still read. The growth stops here: a
-// chunk that inflates past 1 MiB fails as zlib's own too-small-buffer error,
-// so a hostile chunk cannot make us allocate without bound. Over a whole
-// frame the output is then bounded by deflate's own limit of about 1032
-// output bytes per input byte.
+// A writer of the format never puts more than 64 KiB into a chunk; a chunk
+// from a writer that used larger slices is still read up to this much. Over
+// a whole frame the output is bounded by the caller's cap and by deflate's
+// own limit of about 1032 output bytes per input byte.
 constexpr size_t kMaxChunkOutput = 16 * kWindowStep;
 constexpr uint64_t kMaxInflateRatio = 1032;
 
@@ -116,46 +116,6 @@ class ChunkDeflater {
   z_stream stream_{};
 };
 
-class ChunkInflater {
- public:
-  ChunkInflater() = default;
-  ~ChunkInflater() {
-    if (ready_) inflateEnd(&stream_);
-  }
-  ChunkInflater(const ChunkInflater&) = delete;
-  ChunkInflater& operator=(const ChunkInflater&) = delete;
-
-  // Appends the chunk's inflated bytes to `out`; returns how many. Failures
-  // carry the codes uncompress would give: a stream that ends early or wants
-  // a preset dictionary is a data error (-3).
-  size_t Inflate(std::span<const uint8_t> chunk, std::vector<uint8_t>& out) {
-    Begin();
-    stream_.next_in = const_cast<Bytef*>(chunk.data());
-    stream_.avail_in = static_cast<uInt>(chunk.size());
-    return RunIntoWindow(stream_, out, kMaxChunkOutput, [](z_stream& s) {
-      // Z_FINISH: the whole chunk is here, so zlib keeps no sliding window
-      // copy of its own unless the output window runs out.
-      int code = inflate(&s, Z_FINISH);
-      if (code == Z_NEED_DICT || (code == Z_BUF_ERROR && s.avail_out != 0)) return Z_DATA_ERROR;
-      return code;
-    });
-  }
-
- private:
-  void Begin() {
-    if (ready_) {
-      inflateReset(&stream_);
-      return;
-    }
-    int code = inflateInit(&stream_);
-    if (code != Z_OK) ThrowZlibError(code);
-    ready_ = true;
-  }
-
-  bool ready_ = false;
-  z_stream stream_{};
-};
-
 void WriteHeader(uint8_t* header, uint64_t crc_sum, uint32_t chunk_count) {
   StoreLe32(header, kFrameMagic);
   StoreLe32(header + 4, 0);
@@ -189,35 +149,203 @@ std::vector<uint8_t> PackFrame(std::span<const uint8_t> input, int level) {
   return frame;
 }
 
+// Where a frame's bytes come from: a buffer in memory or a stream.
+class FrameInput {
+ public:
+  virtual ~FrameInput() = default;
+  // Up to `max` of the next bytes, as a view valid until the next call;
+  // empty at the end of the input.
+  virtual std::span<const uint8_t> Next(size_t max) = 0;
+  // The bytes left, when known; a chunk claiming more is then truncation
+  // before anything of it is inflated.
+  virtual std::optional<uint64_t> Remaining() const { return std::nullopt; }
+  uint64_t consumed() const { return consumed_; }
+
+ protected:
+  uint64_t consumed_ = 0;
+};
+
+class MemoryInput final : public FrameInput {
+ public:
+  explicit MemoryInput(std::span<const uint8_t> bytes) : rest_(bytes) {}
+  std::span<const uint8_t> Next(size_t max) override {
+    std::span<const uint8_t> piece = rest_.first(std::min(max, rest_.size()));
+    rest_ = rest_.subspan(piece.size());
+    consumed_ += piece.size();
+    return piece;
+  }
+  std::optional<uint64_t> Remaining() const override { return rest_.size(); }
+
+ private:
+  std::span<const uint8_t> rest_;
+};
+
+class StreamInput final : public FrameInput {
+ public:
+  explicit StreamInput(const std::function<size_t(std::span<uint8_t>)>& read) : read_(read), buffer_(kWindowStep) {}
+  std::span<const uint8_t> Next(size_t max) override {
+    const size_t got = read_(std::span(buffer_.data(), std::min(max, buffer_.size())));
+    consumed_ += got;
+    return std::span<const uint8_t>(buffer_.data(), got);
+  }
+
+ private:
+  const std::function<size_t(std::span<uint8_t>)>& read_;
+  std::vector<uint8_t> buffer_;
+};
+
+// Fills `out` completely; false when the input ends first.
+bool ReadExact(FrameInput& in, std::span<uint8_t> out) {
+  for (size_t filled = 0; filled < out.size();) {
+    std::span<const uint8_t> piece = in.Next(out.size() - filled);
+    if (piece.empty()) return false;
+    std::memcpy(out.data() + filled, piece.data(), piece.size());
+    filled += piece.size();
+  }
+  return true;
+}
+
+using Sink = std::function<void(std::span<const uint8_t>)>;
+
+// Inflates chunk after chunk through one 64 KiB output window, handing each
+// window's bytes on as they come, so that neither a chunk nor the frame is
+// ever held whole, and counting the output against the caller's cap before
+// any of it is passed on.
+class FrameUnpacker {
+ public:
+  FrameUnpacker(FrameInput& in, uint64_t max_output, const Sink& sink)
+      : in_(in), max_output_(max_output), sink_(sink), window_(kWindowStep) {}
+  ~FrameUnpacker() {
+    if (ready_) inflateEnd(&stream_);
+  }
+  FrameUnpacker(const FrameUnpacker&) = delete;
+  FrameUnpacker& operator=(const FrameUnpacker&) = delete;
+
+  // False when the frame is cut short; throws for every other failure.
+  bool Run(FrameSummary& summary) {
+    std::array<uint8_t, kFrameHeaderSize> header{};
+    if (!ReadExact(in_, header) || !IsCompressed(header.data(), header.size())) {
+      Throw(result::kInvalidData, "Data is not compressed");
+    }
+    summary.crc_sum = LoadLe64(header.data() + 8);
+    summary.chunks = LoadLe32(header.data() + 16);
+    uint64_t crc_left = summary.crc_sum;
+    for (uint32_t i = 0; i < summary.chunks; ++i) {
+      std::array<uint8_t, kLengthSize> length_field{};
+      if (!ReadExact(in_, length_field)) return false;
+      const uint32_t length = LoadLe32(length_field.data());
+      if (std::optional<uint64_t> remaining = in_.Remaining(); remaining && length > *remaining) return false;
+      uint32_t crc = 0;
+      if (!InflateChunk(length, crc)) return false;
+      crc_left -= crc;
+    }
+    summary.frame_size = in_.consumed();
+    summary.unpacked_size = total_;
+    if (crc_left != 0) Throw(result::kCrcMismatch, "Incorrect CRC for decompressed data");
+    return true;
+  }
+
+ private:
+  void Begin() {
+    if (ready_) {
+      inflateReset(&stream_);
+      return;
+    }
+    int code = inflateInit(&stream_);
+    if (code != Z_OK) ThrowZlibError(code);
+    ready_ = true;
+  }
+
+  // The next piece of the chunk's bytes into the stream; false at the end of
+  // the input.
+  bool Feed(uint32_t& left) {
+    std::span<const uint8_t> piece = in_.Next(std::min<size_t>(left, kWindowStep));
+    if (piece.empty()) return false;
+    left -= static_cast<uint32_t>(piece.size());
+    stream_.next_in = const_cast<Bytef*>(piece.data());
+    stream_.avail_in = static_cast<uInt>(piece.size());
+    return true;
+  }
+
+  void Emit(size_t produced, uint64_t& chunk_output, uint32_t& crc) {
+    if (produced == 0) return;
+    chunk_output += produced;
+    // A writer of the format puts at most 64 KiB into a chunk; other writers'
+    // larger slices are read up to 1 MiB, reported as zlib's too-small-buffer
+    // error past it.
+    if (chunk_output > kMaxChunkOutput) ThrowZlibError(Z_BUF_ERROR);
+    if (produced > max_output_ - total_) {
+      Throw(result::kResponseTooLarge, "Decompressed data exceeds the limit of %I64u bytes", max_output_);
+    }
+    total_ += produced;
+    crc = static_cast<uint32_t>(crc32(crc, window_.data(), static_cast<uInt>(produced)));
+    sink_(std::span<const uint8_t>(window_.data(), produced));
+  }
+
+  // Inflates one chunk of `length` bytes and sets crc to the CRC-32 of its
+  // output. Failures carry the codes uncompress would give: a stream that
+  // ends early or wants a preset dictionary is a data error (-3). Bytes after
+  // the end of the zlib stream, within the chunk, are skipped.
+  bool InflateChunk(uint32_t length, uint32_t& crc) {
+    Begin();
+    crc = static_cast<uint32_t>(crc32(0, nullptr, 0));
+    uint32_t left = length;
+    uint64_t chunk_output = 0;
+    stream_.avail_in = 0;
+    for (;;) {
+      if (stream_.avail_in == 0 && left > 0 && !Feed(left)) return false;
+      stream_.next_out = window_.data();
+      stream_.avail_out = static_cast<uInt>(window_.size());
+      const int code = inflate(&stream_, left == 0 ? Z_FINISH : Z_NO_FLUSH);
+      const bool window_full = stream_.avail_out == 0;
+      Emit(window_.size() - stream_.avail_out, chunk_output, crc);
+      if (code == Z_STREAM_END) break;
+      if (code == Z_NEED_DICT) ThrowZlibError(Z_DATA_ERROR);
+      if (code != Z_OK && code != Z_BUF_ERROR) ThrowZlibError(code);
+      // Without progress: more room or more input goes on, anything else is
+      // a stream that stops short.
+      if (code == Z_BUF_ERROR && !window_full && (stream_.avail_in != 0 || left == 0)) ThrowZlibError(Z_DATA_ERROR);
+    }
+    while (left > 0) {
+      if (!Feed(left)) return false;
+    }
+    return true;
+  }
+
+  FrameInput& in_;
+  const uint64_t max_output_;
+  const Sink& sink_;
+  std::vector<uint8_t> window_;
+  uint64_t total_ = 0;
+  bool ready_ = false;
+  z_stream stream_{};
+};
+
 // What the output may need: a full slice per chunk, but never more than the
-// frame's bytes could inflate to, so a hostile chunk count reserves nothing
-// out of proportion to the input.
-size_t OutputReservation(uint32_t chunk_count, size_t frame_size) {
-  const uint64_t by_count = uint64_t{chunk_count} * kFrameSliceSize;
-  const uint64_t by_size = uint64_t{frame_size - kFrameHeaderSize} * kMaxInflateRatio;
-  return static_cast<size_t>(std::min(by_count, by_size));
+// frame's bytes could inflate to nor than the caller takes, so a hostile
+// chunk count reserves nothing out of proportion.
+size_t OutputReservation(std::span<const uint8_t> frame, uint64_t max_output) {
+  if (frame.size() < kFrameHeaderSize) return 0;
+  const uint64_t by_count = uint64_t{LoadLe32(frame.data() + 16)} * kFrameSliceSize;
+  const uint64_t by_size = uint64_t{frame.size() - kFrameHeaderSize} * kMaxInflateRatio;
+  return static_cast<size_t>(std::min({by_count, by_size, max_output}));
 }
 
 // The unpacked bytes, or nullopt when the frame is cut short.
-std::optional<std::vector<uint8_t>> UnpackFrame(std::span<const uint8_t> frame) {
-  if (!IsCompressed(frame.data(), frame.size())) Throw(result::kInvalidData, "Data is not compressed");
-  uint64_t crc_left = LoadLe64(frame.data() + 8);
-  const uint32_t chunk_count = LoadLe32(frame.data() + 16);
-
+std::optional<std::vector<uint8_t>> UnpackFrame(std::span<const uint8_t> frame, uint64_t max_output) {
   std::vector<uint8_t> out;
-  out.reserve(OutputReservation(chunk_count, frame.size()));
-  ChunkInflater inflater;
-  size_t offset = kFrameHeaderSize;
-  for (uint32_t i = 0; i < chunk_count; ++i) {
-    const size_t remaining = frame.size() - offset;
-    if (remaining < kLengthSize) return std::nullopt;
-    const uint32_t length = LoadLe32(frame.data() + offset);
-    if (uint64_t{length} + kLengthSize > remaining) return std::nullopt;
-    const size_t produced = inflater.Inflate(frame.subspan(offset + kLengthSize, length), out);
-    crc_left -= Crc32(out.data() + out.size() - produced, produced);
-    offset += kLengthSize + length;
-  }
-  if (crc_left != 0) Throw(result::kCrcMismatch, "Incorrect CRC for decompressed data");
+  out.reserve(OutputReservation(frame, max_output));
+  // Growth past the reservation (chunks of other writers) stays within the cap.
+  const Sink append = [&out, max_output](std::span<const uint8_t> piece) {
+    if (out.capacity() - out.size() < piece.size()) {
+      const uint64_t wanted = std::max<uint64_t>(2 * out.capacity(), out.size() + piece.size());
+      out.reserve(static_cast<size_t>(std::min(wanted, max_output)));
+    }
+    out.insert(out.end(), piece.begin(), piece.end());
+  };
+  MemoryInput input(frame);
+  FrameSummary summary;
+  if (!FrameUnpacker(input, max_output, append).Run(summary)) return std::nullopt;
   return out;
 }
 
@@ -265,9 +393,9 @@ bool Compress(std::vector<uint8_t>& buffer, int level, uint32_t log_flags, Logge
   }
 }
 
-bool Decompress(std::vector<uint8_t>& buffer, uint32_t log_flags, Logger& log) {
+bool Decompress(std::vector<uint8_t>& buffer, uint64_t max_output, uint32_t log_flags, Logger& log) {
   try {
-    std::optional<std::vector<uint8_t>> data = UnpackFrame(buffer);
+    std::optional<std::vector<uint8_t>> data = UnpackFrame(buffer, max_output);
     if (!data) {
       SetLastFailure(result::kEndOfData, {});
       return false;
@@ -281,6 +409,16 @@ bool Decompress(std::vector<uint8_t>& buffer, uint32_t log_flags, Logger& log) {
                   "Error while decompressing data: Unexpected error");
     return false;
   }
+}
+
+FrameSummary UnpackFrameStream(const std::function<size_t(std::span<uint8_t>)>& read,
+                               const std::function<void(std::span<const uint8_t>)>& write, uint64_t max_output) {
+  StreamInput input(read);
+  FrameSummary summary;
+  if (!FrameUnpacker(input, max_output, write).Run(summary)) {
+    Throw(result::kEndOfData, "Truncated frame: a chunk runs past the end of the data");
+  }
+  return summary;
 }
 
 Failure LastFrameFailure() { return t_last_failure; }

@@ -34,13 +34,31 @@ template <class... Args>
   throw Error(code, Format(format, args...));
 }
 
+// The code of memory that could not be had (the platform's E_OUTOFMEMORY).
+inline constexpr Result kOutOfMemory = 0x8007000E;
+
+// Throws Error 0x8007000E with the system's text for missing memory, for a
+// library that reports it by a null result rather than std::bad_alloc.
+[[noreturn]] void ThrowOutOfMemory();
+
 // The outcome of an operation caught at its boundary: the code and the text
-// the caller sees. Turns whatever was thrown into a code and a description;
-// an unknown failure becomes 0x80004005 "Unknown error".
+// the caller sees.
 struct Failure {
   Result code = result::kFail;
   std::string description;
+  // Neither an Error nor missing memory: a fault of the component itself.
+  bool unexpected = false;
 };
-Failure CurrentFailure() noexcept;  // call inside a catch (...) block
+
+// Call inside a catch (...) block. Turns whatever was thrown into a code and
+// a description: an Error keeps both; std::bad_alloc is 0x8007000E with the
+// system's text for missing memory; another std::exception is 0x80004005
+// with its what(); anything else 0x80004005 "Unknown error". Never throws
+// (when even the text cannot be made, the description is empty).
+Failure CurrentFailure() noexcept;
+
+// The same at an operation's end, where an unexpected failure is reported as
+// 0x80004005 "Unknown error" whatever it said.
+Failure OperationFailure() noexcept;
 
 }  // namespace pkgdlv

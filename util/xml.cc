@@ -1,10 +1,10 @@
 #include "util/xml.h"
 
+#include <libxml/SAX2.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <libxml/xpath.h>
 
-#include <climits>
 #include <memory>
 
 #include "util/error.h"
@@ -90,10 +90,34 @@ std::vector<Node> Evaluate(xmlDoc* doc, xmlNode* context_node, std::string_view 
 Node First(std::vector<Node> nodes) { return nodes.empty() ? Node() : nodes.front(); }
 
 // The tree parser's context is its callbacks' context; _private holds the
-// parse's error capture.
+// parse's guard.
+struct TreeGuard {
+  internal::ErrorCapture* errors;
+  int depth = 0;
+};
+TreeGuard& GuardOf(xmlParserCtxt* context) { return *static_cast<TreeGuard*>(context->_private); }
+
 void OnEntityDeclaration(void* raw_context, const xmlChar* name, int, const xmlChar*, const xmlChar*, xmlChar*) {
   auto* context = static_cast<xmlParserCtxt*>(raw_context);
-  static_cast<internal::ErrorCapture*>(context->_private)->RefuseEntity(context, name);
+  GuardOf(context).errors->RefuseEntity(context, name);
+}
+
+// libxml2's own element handlers, behind a check of the depth (which libxml2
+// leaves unchecked for the options we parse with).
+void OnStartElement(void* raw_context, const xmlChar* local_name, const xmlChar* prefix, const xmlChar* uri,
+                    int namespace_count, const xmlChar** namespaces, int attribute_count, int defaulted_count,
+                    const xmlChar** attributes) {
+  auto* context = static_cast<xmlParserCtxt*>(raw_context);
+  TreeGuard& guard = GuardOf(context);
+  if (++guard.depth > internal::kMaxDepth) return guard.errors->Refuse(context, internal::TooDeepDescription());
+  xmlSAX2StartElementNs(raw_context, local_name, prefix, uri, namespace_count, namespaces, attribute_count,
+                        defaulted_count, attributes);
+}
+
+void OnEndElement(void* raw_context, const xmlChar* local_name, const xmlChar* prefix, const xmlChar* uri) {
+  auto* context = static_cast<xmlParserCtxt*>(raw_context);
+  --GuardOf(context).depth;
+  xmlSAX2EndElementNs(raw_context, local_name, prefix, uri);
 }
 
 }  // namespace
@@ -152,13 +176,16 @@ std::optional<Document> Document::TryParse(std::string_view text, std::string* e
     if (error != nullptr) *error = std::move(message);
     return std::nullopt;
   };
-  if (text.size() > static_cast<size_t>(INT_MAX)) return fail("XML document is too large");
+  if (text.size() > kMaxDocumentBytes) return fail(internal::TooLargeDescription(text.size()));
   internal::InitLibrary();
   internal::ErrorCapture errors;
   XmlPtr<xmlParserCtxt> context(xmlNewParserCtxt());
   if (!context) return fail("Out of memory creating an XML parser");
-  context->_private = &errors;
+  TreeGuard guard{&errors};
+  context->_private = &guard;
   context->sax->entityDecl = OnEntityDeclaration;
+  context->sax->startElementNs = OnStartElement;
+  context->sax->endElementNs = OnEndElement;
   // Blank text between elements is dropped, as a document object does by
   // default, so that element children follow each other directly.
   const int options = internal::SafeParseOptions() | XML_PARSE_NOBLANKS | XML_PARSE_NOCDATA | XML_PARSE_COMPACT;

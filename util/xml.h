@@ -2,9 +2,10 @@
 //
 // Parsing is safe for hostile input: no network access, no external entities
 // or DTDs loaded, documents that declare entities refused (so nothing expands
-// beyond the five predefined entities and character references), libxml2's
-// limits on text length, depth limited to 256 levels. UTF-16 input with its
-// byte order mark is converted; all text handed out is UTF-8.
+// beyond the five predefined entities and character references), documents
+// of at most xml::kMaxDocumentBytes, depth limited to 256 levels (see
+// util/xml_limits.h). UTF-16 input with its byte order mark is converted; all
+// text handed out is UTF-8.
 #pragma once
 
 #include <memory>
@@ -13,6 +14,8 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "util/xml_limits.h"
 
 struct _xmlNode;
 struct _xmlDoc;

@@ -37,7 +37,13 @@ void OnGenericError(void* self, const char* format, ...) {
 
 }  // namespace
 
-int SafeParseOptions() { return XML_PARSE_NONET; }
+int SafeParseOptions() { return XML_PARSE_NONET | XML_PARSE_HUGE; }
+
+std::string TooLargeDescription(uint64_t size) {
+  return Format("XML document is too large: %I64u bytes, the limit is %I64u", size, kMaxDocumentBytes);
+}
+
+std::string TooDeepDescription() { return Format("Excessive depth in document: %d", kMaxDepth); }
 
 void InitLibrary() {
   static std::once_flag once;
@@ -71,8 +77,11 @@ void ErrorCapture::Record(std::string_view message, int line) {
 }
 
 void ErrorCapture::RefuseEntity(xmlParserCtxt* context, const xmlChar* name) {
-  Record(Format("%hs: '%hs'", kEntityRefused, reinterpret_cast<const char*>(name)),
-         context->input ? context->input->line : 0);
+  Refuse(context, Format("%hs: '%hs'", kEntityRefused, reinterpret_cast<const char*>(name)));
+}
+
+void ErrorCapture::Refuse(xmlParserCtxt* context, std::string_view message) {
+  Record(message, context->input ? context->input->line : 0);
   context->wellFormed = 0;
   xmlStopParser(context);
 }

@@ -10,11 +10,16 @@
 #include <string>
 #include <string_view>
 
+#include "util/xml_limits.h"
+
 namespace pkgdlv::xml::internal {
 
 // No network access, no DTD loading, no entity substitution (so external
-// entities are never read), and libxml2's default limits on entity expansion
-// and text length (XML_PARSE_HUGE is never set).
+// entities are never read). libxml2's 10 MB limit on one attribute value or
+// text is lifted (XML_PARSE_HUGE): a snapshot's block hashes pass it. What
+// that limit guarded is kept by our own: documents are at most
+// kMaxDocumentBytes long and declare no entities, and both readers check the
+// depth themselves, since libxml2 stops checking it under that option.
 int SafeParseOptions();
 
 // libxml2's limits catch nested expansion (the "billion laughs") but not one
@@ -22,10 +27,12 @@ int SafeParseOptions();
 // refused outright; none of the component's documents declares any.
 constexpr std::string_view kEntityRefused = "Entity declarations are not accepted";
 
-// Deepest element nesting accepted. libxml2 enforces the same number in the
-// tree parser; the streaming reader checks it itself because libxml2's push
-// parser does not.
-constexpr int kMaxDepth = 256;
+using xml::kMaxDepth;
+
+// The description of a document longer than kMaxDocumentBytes.
+std::string TooLargeDescription(uint64_t size);
+// The description of nesting deeper than kMaxDepth.
+std::string TooDeepDescription();
 
 // Initialises libxml2 once per process; libxml2 requires this before it is
 // used from several threads. Safe to call from any thread, any number of times.
@@ -51,6 +58,9 @@ class ErrorCapture {
   // Refuses an entity declaration met by the parser: records kEntityRefused
   // and ends the parse as not well formed. For the entityDecl callback.
   void RefuseEntity(xmlParserCtxt* context, const xmlChar* name);
+  // Records message at the parser's current line and ends the parse as not
+  // well formed.
+  void Refuse(xmlParserCtxt* context, std::string_view message);
 
  private:
   bool has_error_ = false;

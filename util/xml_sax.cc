@@ -128,7 +128,7 @@ void OnStartElement(void* raw_context, const xmlChar* local_name, const xmlChar*
   Session& session = SessionOf(context);
   if (session.halted()) return;
   if (++session.depth > internal::kMaxDepth) {
-    return Fail(session, context, Format("Excessive depth in document: %d", internal::kMaxDepth));
+    return Fail(session, context, internal::TooDeepDescription());
   }
   internal::SAXBuffers& buffers = *session.buffers;
   if (!CollectAttributes(context, buffers, attribute_count - defaulted_count, attributes)) {
@@ -215,8 +215,11 @@ SAXParser::Outcome Run(SAXContentHandler& handler, internal::SAXBuffers& buffers
   const auto going = [&] { return !session.halted() && push.context->wellFormed; };
   std::string_view piece;
   bool empty = true;
+  uint64_t fed = 0;
   while (going() && next(piece)) {
     empty = false;
+    fed += piece.size();
+    if (fed > kMaxDocumentBytes) Throw(result::kInvalidData, "%ls", internal::TooLargeDescription(fed));
     xmlParseChunk(push.context, piece.data(), static_cast<int>(piece.size()), 0);
   }
   // libxml2's push parser names an empty input oddly; say it plainly.
@@ -248,6 +251,7 @@ SAXParser::SAXParser() : buffers_(std::make_unique<internal::SAXBuffers>()) {}
 SAXParser::~SAXParser() = default;
 
 SAXParser::Outcome SAXParser::ParseMemory(std::string_view text, SAXContentHandler& handler) {
+  if (text.size() > kMaxDocumentBytes) Throw(result::kInvalidData, "%ls", internal::TooLargeDescription(text.size()));
   return Run(handler, *buffers_, [&text](std::string_view& piece) {
     if (text.empty()) return false;
     piece = text.substr(0, kChunkSize);

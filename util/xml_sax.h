@@ -4,9 +4,9 @@
 //
 // Parsing is as safe for hostile input as the tree reader's (util/xml.h): no
 // network access, no external entities or DTDs loaded, documents that declare
-// entities refused, libxml2's limits on text length, at most 256 levels of
-// nesting. UTF-16 input with its byte order mark is converted; all text handed
-// out is UTF-8.
+// entities refused, documents of at most xml::kMaxDocumentBytes, at most 256
+// levels of nesting (see util/xml_limits.h). UTF-16 input with its byte order
+// mark is converted; all text handed out is UTF-8.
 #pragma once
 
 #include <cstddef>
@@ -15,6 +15,8 @@
 #include <optional>
 #include <span>
 #include <string_view>
+
+#include "util/xml_limits.h"
 
 namespace pkgdlv::xml {
 

@@ -24,6 +24,7 @@ class SigningKeys;
 class NetworkAddresses;
 class VolumeInfo;
 class SiteLimits;
+class MulticastCore;
 
 struct AgentServices {
   std::filesystem::path data_folder;        // the agent's data folder
@@ -42,10 +43,14 @@ struct AgentServices {
   std::shared_ptr<NetworkAddresses> network_addresses;        // the computer's IPv4 addresses
   std::shared_ptr<VolumeInfo> volumes;  // file system, fixed drive, free space of a folder
   std::shared_ptr<SiteLimits> site_limits;  // site outbound limits and the site transfer server URL
+  // Runs multicast sessions on the wire; null, like the default core, never
+  // initialises, so multicast is never attempted.
+  std::shared_ptr<MulticastCore> multicast_core;
 
   // The real services over a data folder (created when missing): the system
-  // clock, "settings.db", the agent log in "log" and OpenSSL crypto. Throws Error when the
-  // settings database cannot be opened.
+  // clock, "settings.db", the agent log in "log" and OpenSSL crypto; the
+  // Linux agent has no multicast core (one that cannot initialise). Throws
+  // Error when the settings database cannot be opened.
   static AgentServices CreateDefault(const std::filesystem::path& data_folder);
 };
 

@@ -17,6 +17,7 @@
 #include "support/memory_settings_store.h"
 #include "support/temp_dir.h"
 #include "util/format.h"
+#include "util/xml.h"
 
 namespace pkgdlv {
 namespace {
@@ -111,41 +112,14 @@ TEST_F(AgentLogTest, NewFileStartsWithHeaderRecordThenEventRecordsExactly) {
   EXPECT_EQ(ReadFile(LogFile()), expected);
 }
 
-struct DateCase {
-  const char* zone;
-  const char* expected;
-};
-void PrintTo(const DateCase& c, std::ostream* os) { *os << c.zone; }
-
-class LogDateTest : public ::testing::TestWithParam<DateCase> {};
-
-TEST_P(LogDateTest, LocalTimeWithZoneOffset) {
-  ScopedTimeZone zone(GetParam().zone);
-  FileTime time = *FromCivilUtc({2026, 1, 1, 0, 0, 0, 123});
-  EXPECT_EQ(agent_log::FormatLogDate(time), GetParam().expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(Zones, LogDateTest,
-                         ::testing::Values(DateCase{"UTC0", "01/01/2026 00:00:00.1230000 +00:00"},
-                                           DateCase{"<-0330>3:30", "12/31/2025 20:30:00.1230000 -03:30"},
-                                           DateCase{"IST-5:30", "01/01/2026 05:30:00.1230000 +05:30"}));
-
-struct MessageCase {
-  std::string name;
-  std::string component;
-  std::string message;
-  std::string expected_text;
-};
-void PrintTo(const MessageCase& c, std::ostream* os) { *os << c.name; }
-
-class AgentLogMessageTest : public AgentLogTest, public ::testing::WithParamInterface<MessageCase> {};
-
-TEST_P(AgentLogMessageTest, MessageAndSourceSurviveTheRecord) {
-  NewLog()->Write(loglevel::kInfo, GetParam().component, GetParam().message);
-  auto events = Events();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].Attribute("source"), GetParam().component);
-  EXPECT_EQ(events[0].text, GetParam().expected_text);
+TEST(LogDateTest, LocalTimeWithZoneOffset) {
+  const std::pair<const char*, const char*> cases[] = {{"UTC0", "01/01/2026 00:00:00.1230000 +00:00"},
+                                                       {"<-0330>3:30", "12/31/2025 20:30:00.1230000 -03:30"},
+                                                       {"IST-5:30", "01/01/2026 05:30:00.1230000 +05:30"}};
+  for (const auto& [zoneName, expected] : cases) {
+    ScopedTimeZone zone(zoneName);
+    EXPECT_EQ(agent_log::FormatLogDate(*FromCivilUtc({2026, 1, 1, 0, 0, 0, 123})), expected) << zoneName;
+  }
 }
 
 std::string Repeat(std::string_view piece, size_t times) {
@@ -154,48 +128,32 @@ std::string Repeat(std::string_view piece, size_t times) {
   return out;
 }
 
-INSTANTIATE_TEST_SUITE_P(Messages, AgentLogMessageTest,
-                         ::testing::Values(MessageCase{"CdataEndInside", "Snapshot", "a]]>b]]>", "a]]>b]]>"},
-                                           MessageCase{"QuotesInSource", "it's <\"x\"> & co", "m", "m"},
-                                           MessageCase{"LongAsciiCut", "C", Repeat("x", 5000), Repeat("x", 4096)},
-                                           MessageCase{"ExactlyAtLimit", "C", Repeat("y", 4096), Repeat("y", 4096)},
-                                           MessageCase{"MultiByteNotSplit", "C",
-                                                       Repeat("x", 4095) + "\xC3\xA9\xE2\x82\xAC",
-                                                       Repeat("x", 4095) + "\xC3\xA9"},
-                                           MessageCase{"CountsCharactersNotBytes", "C", Repeat("\xE2\x82\xAC", 4097),
-                                                       Repeat("\xE2\x82\xAC", 4096)}),
-                         [](const auto& info) { return info.param.name; });
-
-struct FilterCase {
-  std::string name;
-  std::optional<SettingValue> severity_setting;
-  uint32_t process_mask;
-  uint32_t level;
-  std::optional<uint32_t> written_severity;  // nullopt: dropped
-};
-void PrintTo(const FilterCase& c, std::ostream* os) { *os << c.name; }
-
-class AgentLogFilterTest : public AgentLogTest, public ::testing::WithParamInterface<FilterCase> {};
-
-TEST_P(AgentLogFilterTest, SeverityMaskAndFlagsDecideWhatIsWritten) {
-  const FilterCase& c = GetParam();
-  if (c.severity_setting) store_->Set(kLogKey, "Severity", *c.severity_setting);
-  options_.process_mask = c.process_mask;
-  auto log = NewLog();
-  EXPECT_EQ(log->IsEnabled(c.level), c.written_severity.has_value());
-  log->Log(c.level, "Filter", "line");
-  // A marker line at error level shows the file is writable in every case.
-  log->Log(loglevel::kError, "Marker", "marker");
-
-  auto events = Events();
-  std::vector<std::string> severities;
-  for (auto& e : events) {
-    if (e.Attribute("source") == "Filter") severities.push_back(e.Attribute("severity"));
-  }
-  if (c.written_severity) {
-    EXPECT_EQ(severities, std::vector<std::string>{std::to_string(*c.written_severity)});
-  } else {
-    EXPECT_TRUE(severities.empty());
+TEST_F(AgentLogTest, MessageAndSourceSurviveTheRecord) {
+  struct Case {
+    std::string name, component, message, expected_text;
+    std::optional<std::string> expected_source = std::nullopt;  // nullopt: the component as given
+  };
+  const Case cases[] = {
+      {"CdataEndInside", "Snapshot", "a]]>b]]>", "a]]>b]]>"},
+      {"QuotesInSource", "it's <\"x\"> & co", "m", "m"},
+      {"LongAsciiCut", "C", Repeat("x", 5000), Repeat("x", 4096)},
+      {"ExactlyAtLimit", "C", Repeat("y", 4096), Repeat("y", 4096)},
+      {"MultiByteNotSplit", "C", Repeat("x", 4095) + "\xC3\xA9\xE2\x82\xAC", Repeat("x", 4095) + "\xC3\xA9"},
+      {"CountsCharactersNotBytes", "C", Repeat("\xE2\x82\xAC", 4097), Repeat("\xE2\x82\xAC", 4096)},
+      {"ControlsAndInvalidBytesEscaped", "Src\x1B\n\xE2\x80\xAE", std::string("a\0\x01\tb\r\nc\xE2\x80\xAE\xFF]]>", 15),
+       "a\\x00\\x01\tb\r\nc\\u202E\\xFF]]>", "Src\\x1B\\n\\u202E"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove(LogFile());
+    NewLog()->Write(loglevel::kInfo, c.component, c.message);
+    auto events = Events();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].Attribute("source"), c.expected_source.value_or(c.component));
+    EXPECT_EQ(events[0].text, c.expected_text);
+    // Log readers parse the records as XML: the file must stay well-formed.
+    std::string error;
+    EXPECT_TRUE(xml::Document::TryParse("<log>" + ReadFile(LogFile()) + "</log>", &error)) << error;
   }
 }
 
@@ -208,61 +166,80 @@ using loglevel::kSilent;
 using loglevel::kTrace;
 using loglevel::kWarning;
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, AgentLogFilterTest,
-    ::testing::Values(
-        FilterCase{"DefaultDropsTrace", std::nullopt, 0, kTrace, std::nullopt},
-        FilterCase{"Severity3DropsInfo", SettingValue::Number(3), 0, kInfo, std::nullopt},
-        FilterCase{"ErrorAsInfoDroppedBySeverity3", SettingValue::Number(3), 0, kError | kErrorAsInfo, std::nullopt},
-        FilterCase{"ErrorAsInfoWrittenAsInfo", std::nullopt, 0, kError | kErrorAsInfo, kInfo},
-        FilterCase{"ErrorAsInfoLeavesWarning", SettingValue::Number(3), 0, kWarning | kErrorAsInfo, kWarning},
-        FilterCase{"TextSeverityReadsSeven", SettingValue::Text("15"), 0, kTrace, std::nullopt},
-        FilterCase{"ProcessMaskAddsInfo", SettingValue::Number(3), kInfo, kInfo, kInfo},
-        FilterCase{"ForceTraceDroppedByDefault", std::nullopt, 0, kError | kForceTrace, std::nullopt},
-        FilterCase{"ForceTraceWrittenAtTrace", SettingValue::Number(8), 0, kError | kForceTrace, kTrace},
-        FilterCase{"SilentDropsEvenErrors", std::nullopt, 0xFF, kError | kSilent, std::nullopt},
-        FilterCase{"SeverityZeroDropsAll", SettingValue::Number(0), 0, kInfo, std::nullopt},
-        FilterCase{"OutOfRangeClampsToDebug", SettingValue::Number(32), 0, 0xC0, loglevel::kDebug}),
-    [](const auto& info) { return info.param.name; });
-
-struct StreamCase {
-  std::string name;
-  uint32_t level;
-  std::string console;
-  std::string debug;
-};
-void PrintTo(const StreamCase& c, std::ostream* os) { *os << c.name; }
-
-class AgentLogStreamTest : public AgentLogTest, public ::testing::WithParamInterface<StreamCase> {};
-
-TEST_P(AgentLogStreamTest, ConsoleAndDebugOutputCopies) {
-  SetNumber("Severity", 0xFF);
-  NewLog()->Log(GetParam().level, "MulticastEngine", "joined %d", 3);
-  EXPECT_EQ(console_.str(), GetParam().console);
-  EXPECT_EQ(debug_.str(), GetParam().debug);
+TEST_F(AgentLogTest, SeverityMaskAndFlagsDecideWhatIsWritten) {
+  struct Case {
+    std::string name;
+    std::optional<SettingValue> severity_setting;
+    uint32_t process_mask;
+    uint32_t level;
+    std::optional<uint32_t> written_severity;  // nullopt: dropped
+  };
+  const Case cases[] = {
+      {"DefaultDropsTrace", std::nullopt, 0, kTrace, std::nullopt},
+      {"Severity3DropsInfo", SettingValue::Number(3), 0, kInfo, std::nullopt},
+      {"ErrorAsInfoDroppedBySeverity3", SettingValue::Number(3), 0, kError | kErrorAsInfo, std::nullopt},
+      {"ErrorAsInfoWrittenAsInfo", std::nullopt, 0, kError | kErrorAsInfo, kInfo},
+      {"ErrorAsInfoLeavesWarning", SettingValue::Number(3), 0, kWarning | kErrorAsInfo, kWarning},
+      {"TextSeverityReadsSeven", SettingValue::Text("15"), 0, kTrace, std::nullopt},
+      {"ProcessMaskAddsInfo", SettingValue::Number(3), kInfo, kInfo, kInfo},
+      {"ForceTraceDroppedByDefault", std::nullopt, 0, kError | kForceTrace, std::nullopt},
+      {"ForceTraceWrittenAtTrace", SettingValue::Number(8), 0, kError | kForceTrace, kTrace},
+      {"SilentDropsEvenErrors", std::nullopt, 0xFF, kError | kSilent, std::nullopt},
+      {"SeverityZeroDropsAll", SettingValue::Number(0), 0, kInfo, std::nullopt},
+      {"OutOfRangeClampsToDebug", SettingValue::Number(32), 0, 0xC0, loglevel::kDebug},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove(LogFile());
+    store_ = std::make_shared<MemorySettingsStore>();
+    if (c.severity_setting) store_->Set(kLogKey, "Severity", *c.severity_setting);
+    options_.process_mask = c.process_mask;
+    auto log = NewLog();
+    EXPECT_EQ(log->IsEnabled(c.level), c.written_severity.has_value());
+    log->Log(c.level, "Filter", "line");
+    // A marker line at error level shows the file is writable in every case.
+    log->Log(loglevel::kError, "Marker", "marker");
+    std::vector<std::string> severities;
+    for (auto& e : Events()) {
+      if (e.Attribute("source") == "Filter") severities.push_back(e.Attribute("severity"));
+    }
+    std::vector<std::string> expected;
+    if (c.written_severity) expected.push_back(std::to_string(*c.written_severity));
+    EXPECT_EQ(severities, expected);
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Flags, AgentLogStreamTest,
-    ::testing::Values(StreamCase{"NoFlag", kInfo, "", ""},
-                      StreamCase{"Console", kInfo | loglevel::kConsole, " INFO\tMulticastEngine\t\tjoined 3\r\n", ""},
-                      StreamCase{"Debug", kWarning | kDebugOutput, "", "*WARN\tMulticastEngine\t\tjoined 3\n"},
-                      StreamCase{"Both", kError | kDebugOutput | loglevel::kConsole,
-                                 "*ERRR\tMulticastEngine\t\tjoined 3\r\n", "*ERRR\tMulticastEngine\t\tjoined 3\n"},
-                      StreamCase{"ForcedTraceTag", kError | kForceTrace | loglevel::kConsole,
-                                 "<TRC>\tMulticastEngine\t\tjoined 3\r\n", ""},
-                      StreamCase{"SilentBeatsConsole", kError | kSilent | loglevel::kConsole, "", ""}),
-    [](const auto& info) { return info.param.name; });
+using loglevel::kConsole;
 
-TEST_F(AgentLogTest, FilteredLineReachesNoStream) {
-  SetNumber("Severity", 1);
-  NewLog()->Log(kInfo | loglevel::kConsole | kDebugOutput, "C", "m");
-  EXPECT_EQ(console_.str(), "");
-  EXPECT_EQ(debug_.str(), "");
-  EXPECT_FALSE(fs::exists(LogFile()));
+TEST_F(AgentLogTest, ConsoleAndDebugOutputCopies) {
+  struct Case {
+    const char* name;
+    uint32_t severity;
+    uint32_t level;
+    std::string console;
+    std::string debug;
+  };
+  const Case cases[] = {
+      {"NoFlag", 0xFF, kInfo, "", ""},
+      {"Console", 0xFF, kInfo | kConsole, " INFO\tMulticastEngine\t\tjoined 3\r\n", ""},
+      {"Debug", 0xFF, kWarning | kDebugOutput, "", "*WARN\tMulticastEngine\t\tjoined 3\n"},
+      {"Both", 0xFF, kError | kDebugOutput | kConsole, "*ERRR\tMulticastEngine\t\tjoined 3\r\n",
+       "*ERRR\tMulticastEngine\t\tjoined 3\n"},
+      {"ForcedTraceTag", 0xFF, kError | kForceTrace | kConsole, "<TRC>\tMulticastEngine\t\tjoined 3\r\n", ""},
+      {"SilentBeatsConsole", 0xFF, kError | kSilent | kConsole, "", ""},
+      {"FilteredReachesNoStream", 1, kInfo | kConsole | kDebugOutput, "", ""},
+  };
+  for (const Case& c : cases) {
+    SetNumber("Severity", c.severity);
+    console_.str("");
+    debug_.str("");
+    NewLog()->Log(c.level, "MulticastEngine", "joined %d", 3);
+    EXPECT_EQ(console_.str(), c.console) << c.name;
+    EXPECT_EQ(debug_.str(), c.debug) << c.name;
+  }
 }
 
-TEST_F(AgentLogTest, MissingFixedSettingsAreWrittenWithDefaultsButNotTheFolder) {
+TEST_F(AgentLogTest, MissingFixedSettingsAreWrittenWithDefaultsButNotTheFolderWhenWritesWork) {
   SetText("Severity", "loud");
   NewLog()->Log(kInfo, "C", "m");
   EXPECT_EQ(store_->Get(kLogKey, "Severity"), SettingValue::Text("loud"));  // wrong type kept, read as 7
@@ -271,13 +248,13 @@ TEST_F(AgentLogTest, MissingFixedSettingsAreWrittenWithDefaultsButNotTheFolder) 
   EXPECT_EQ(store_->Get(kLogKey, "FileName"), SettingValue::Text("Agent.log"));
   EXPECT_EQ(store_->Get(kLogKey, "FilePath"), std::nullopt);
   EXPECT_EQ(Events().size(), 1u);
-}
 
-TEST_F(AgentLogTest, FailingSettingsWritesDoNotStopTheLog) {
+  // Settings that cannot be written do not stop the log.
+  store_ = std::make_shared<MemorySettingsStore>();
   store_->FailWrites(true);
   auto log = NewLog();
   for (int i = 0; i < 3; ++i) log->Log(kInfo, "C", "m%d", i);
-  EXPECT_EQ(Events().size(), 3u);
+  EXPECT_EQ(Events().size(), 4u);
   EXPECT_EQ(store_->WriteCount(), 0u);
 }
 
@@ -333,68 +310,50 @@ TEST_F(AgentLogTest, MaxSizeBelowTenRollsOverOnlyAfterTenKilobytes) {
   EXPECT_EQ(fresh.records[1].text, "after");
 }
 
-struct ExistingFile {
-  std::string name;
-  int age_seconds;
-};
+TEST_F(AgentLogTest, RolloverRemovesTheOldestOtherFileAndRenamesToTheFirstFreeNumber) {
+  struct Case {
+    std::string name;
+    uint32_t max_files;
+    std::vector<std::pair<std::string, int>> others;  // besides Agent.log, the newest: name and age in seconds
+    std::vector<std::string> expected_names;          // besides Agent.log and its lock, always there
+    std::string renamed_to;
+  };
+  const Case cases[] = {
+      {"MaxFilesTwoDeletesTheNumberedFile", 2, {{"Agent1.log", 60}}, {"Agent1.log"}, "Agent1.log"},
+      {"RoomLeftTakesNextNumber", 3, {{"Agent1.log", 60}}, {"Agent1.log", "Agent2.log"}, "Agent2.log"},
+      {"OldestByTimeNotByName", 3, {{"Agent1.log", 10}, {"Agent2.log", 50}}, {"Agent1.log", "Agent2.log"},
+       "Agent2.log"},
+      {"OtherNamesAreNotMembers", 2, {{"Other.log", 900}, {"Agent.txt", 900}, {"Agent1.log", 5}},
+       {"Agent.txt", "Agent1.log", "Other.log"}, "Agent1.log"},
+      {"FreeNumberSkipsTakenNames", 20, {{"Agent1.log", 1}, {"Agent2.log", 1}, {"Agent4.log", 1}},
+       {"Agent1.log", "Agent2.log", "Agent3.log", "Agent4.log"}, "Agent3.log"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(dir_ / "log");
+    SetNumber("MaxSize", 10);
+    SetNumber("MaxFiles", c.max_files);
+    const auto now = fs::file_time_type::clock::now();
+    for (const auto& [name, age] : c.others) {
+      WriteFile(LogFile(name), name);
+      fs::last_write_time(LogFile(name), now - std::chrono::seconds(age));
+    }
+    const std::string current(10'241, 'c');
+    WriteFile(LogFile(), current);
 
-struct RolloverCase {
-  std::string name;
-  uint32_t max_files;
-  std::vector<ExistingFile> others;         // besides Agent.log, which is the newest
-  std::vector<std::string> expected_names;  // besides Agent.log and its lock, which are always there
-  std::string renamed_to;
-};
-void PrintTo(const RolloverCase& c, std::ostream* os) { *os << c.name; }
+    NewLog()->Log(kInfo, "C", "new");
 
-class AgentLogRolloverTest : public AgentLogTest, public ::testing::WithParamInterface<RolloverCase> {};
-
-TEST_P(AgentLogRolloverTest, OldestOtherFileGoesAndCurrentTakesFirstFreeNumber) {
-  const RolloverCase& c = GetParam();
-  SetNumber("MaxSize", 10);
-  SetNumber("MaxFiles", c.max_files);
-  const auto now = fs::file_time_type::clock::now();
-  for (const ExistingFile& f : c.others) {
-    WriteFile(LogFile(f.name), f.name);
-    fs::last_write_time(LogFile(f.name), now - std::chrono::seconds(f.age_seconds));
+    std::vector<std::string> names;
+    for (auto& entry : fs::directory_iterator(dir_ / "log")) names.push_back(entry.path().filename().string());
+    std::vector<std::string> expected = c.expected_names;
+    expected.insert(expected.end(), {"Agent.log", "Agent.log.lock"});
+    std::sort(names.begin(), names.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(names, expected);
+    EXPECT_EQ(ReadFile(LogFile(c.renamed_to)), current);
+    EXPECT_EQ(Events().back().text, "new");
   }
-  const std::string current(10'241, 'c');
-  WriteFile(LogFile(), current);
-
-  NewLog()->Log(kInfo, "C", "new");
-
-  std::vector<std::string> names;
-  for (auto& entry : fs::directory_iterator(dir_ / "log")) names.push_back(entry.path().filename().string());
-  std::vector<std::string> expected = c.expected_names;
-  expected.insert(expected.end(), {"Agent.log", "Agent.log.lock"});
-  std::sort(names.begin(), names.end());
-  std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(names, expected);
-  EXPECT_EQ(ReadFile(LogFile(c.renamed_to)), current);
-  EXPECT_EQ(Events().back().text, "new");
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Sets, AgentLogRolloverTest,
-    ::testing::Values(
-        RolloverCase{"MaxFilesTwoDeletesTheNumberedFile", 2, {{"Agent1.log", 60}}, {"Agent1.log"}, "Agent1.log"},
-        RolloverCase{"RoomLeftTakesNextNumber", 3, {{"Agent1.log", 60}}, {"Agent1.log", "Agent2.log"}, "Agent2.log"},
-        RolloverCase{"OldestByTimeNotByName",
-                     3,
-                     {{"Agent1.log", 10}, {"Agent2.log", 50}},
-                     {"Agent1.log", "Agent2.log"},
-                     "Agent2.log"},
-        RolloverCase{"OtherNamesAreNotMembers",
-                     2,
-                     {{"Other.log", 900}, {"Agent.txt", 900}, {"Agent1.log", 5}},
-                     {"Agent.txt", "Agent1.log", "Other.log"},
-                     "Agent1.log"},
-        RolloverCase{"FreeNumberSkipsTakenNames",
-                     20,
-                     {{"Agent1.log", 1}, {"Agent2.log", 1}, {"Agent4.log", 1}},
-                     {"Agent1.log", "Agent2.log", "Agent3.log", "Agent4.log"},
-                     "Agent3.log"}),
-    [](const auto& info) { return info.param.name; });
 
 // Answers nothing and fails every call.
 class BrokenStore final : public SettingsStore {
@@ -406,7 +365,11 @@ class BrokenStore final : public SettingsStore {
   uint64_t ChangeCounter() override { throw std::runtime_error("counter"); }
 };
 
-TEST_F(AgentLogTest, BrokenStoreFallsBackToDefaults) {
+TEST_F(AgentLogTest, WithoutStoreOrClockEveryLineIsDroppedAndABrokenStoreGivesDefaults) {
+  NewAgentLog(nullptr, clock_, options_)->Log(kError, "C", "m");
+  NewAgentLog(store_, nullptr, options_)->Log(kError, "C", "m");
+  EXPECT_FALSE(fs::exists(dir_ / "log"));
+
   auto log = NewAgentLog(std::make_shared<BrokenStore>(), clock_, options_);
   EXPECT_TRUE(log->IsEnabled(kInfo));
   EXPECT_FALSE(log->IsEnabled(kTrace));
@@ -422,18 +385,18 @@ TEST_F(AgentLogTest, UnwritableFolderDropsLinesQuietly) {
   SetText("FilePath", (dir_ / "plainfile" / "log").string());
   auto log = NewLog();
   for (int i = 0; i < 3; ++i) log->Log(kError, "C", "lost %d", i);
+  log->Log(kTrace, "C", "filtered, so not a drop");
   EXPECT_EQ(ReadFile(dir_ / "plainfile"), "not a folder");
+  AgentLogDrops drops = DroppedAgentLogLines(*log);
+  EXPECT_EQ(drops.lines, 3u);
+  EXPECT_EQ(drops.last_reason,
+            "cannot create the log folder '" + (dir_ / "plainfile" / "log").string() + "': Not a directory");
 
   // The same logger writes again once the folder can be had.
   SetText("FilePath", (dir_ / "log").string());
   log->Log(kError, "C", "kept");
   EXPECT_EQ(Events().back().text, "kept");
-}
-
-TEST_F(AgentLogTest, WithoutStoreOrClockEveryLineIsDropped) {
-  NewAgentLog(nullptr, clock_, options_)->Log(kError, "C", "m");
-  NewAgentLog(store_, nullptr, options_)->Log(kError, "C", "m");
-  EXPECT_FALSE(fs::exists(dir_ / "log"));
+  EXPECT_EQ(DroppedAgentLogLines(*log).lines, 3u);
 }
 
 TEST_F(AgentLogTest, CurrentFileFollowsSettingsWithoutWritingThem) {

@@ -7,6 +7,9 @@
 #include <random>
 #include <thread>
 
+#include <sqlite3.h>
+
+#include "agent/setting_limits.h"
 #include "agent/settings_store.h"
 #include "support/temp_dir.h"
 #include "util/error.h"
@@ -99,6 +102,44 @@ TEST_F(SqliteSettingsStoreTest, ListGivesTheKeyAndKeysBelowItOnly) {
       {"", {"A|n", "A|second", "A\\|n", "A\\B|n", "A\\B\\C|n", "a\\x|n", "A]|n", "AB|n", "B|n"}},
   };
   for (const Case& c : cases) EXPECT_EQ(KeysAndNames(store->List(c.prefix)), c.expected) << "prefix " << c.prefix;
+}
+
+// Texts, key paths and names are bounded: at the limit they are kept, past
+// it Set refuses them and stores nothing, and a longer text put into the
+// database by another writer reads as missing.
+TEST_F(SqliteSettingsStoreTest, TextsKeysAndNamesHaveALengthLimit) {
+  auto store = Open();
+  const std::string longName(kMaxSettingNameBytes + 1, 'n');
+  const struct {
+    std::string key, name;
+    SettingValue value;
+    bool stored;
+  } cases[] = {
+      {"K", "at the limit", SettingValue::Text(std::string(kMaxSettingTextBytes, 'x')), true},
+      {"K", "past the limit", SettingValue::Text(std::string(kMaxSettingTextBytes + 1, 'x')), false},
+      {longName, "n", SettingValue::Number(1), false},
+      {"K", longName, SettingValue::Number(1), false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name.substr(0, 20));
+    try {
+      store->Set(c.key, c.name, c.value);
+      EXPECT_TRUE(c.stored);
+    } catch (const Error& e) {
+      EXPECT_FALSE(c.stored);
+      EXPECT_EQ(e.code(), result::kInvalidArg);
+    }
+    EXPECT_EQ(store->Get(c.key, c.name), c.stored ? std::optional(c.value) : std::nullopt);
+  }
+
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dir_ / "settings.db").c_str(), &db), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(db, "INSERT INTO settings VALUES ('K', 'hand made', 'text', hex(zeroblob(20000)))", nullptr,
+                         nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  EXPECT_EQ(store->Get("K", "hand made"), std::nullopt);
+  EXPECT_EQ(KeysAndNames(store->List("K")), std::vector<std::string>{"K|at the limit"});
 }
 
 TEST_F(SqliteSettingsStoreTest, FileThatIsNotADatabaseFailsToOpenWithAClearDescription) {

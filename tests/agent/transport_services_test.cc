@@ -14,18 +14,24 @@
 namespace pkgdlv {
 namespace {
 
-TEST(TransportServicesTest, ServerProfileRanksByErrorsThenOrder) {
+// Errors count against the server, whatever URL of it the transport used.
+TEST(TransportServicesTest, ServerProfileRanksServersByErrorsThenOrder) {
   auto profile = NewMemoryServerProfile();
-  const std::vector<std::string> urls = {"http://a/", "http://b/", "http://c/"};
+  const std::vector<std::string> servers = {"a", "http://b:81/", "\\\\c\\share"};
   struct Step {
     const char* failing;  // error recorded before the ranking
     size_t best;
-  } steps[] = {{nullptr, 0}, {"http://a/", 1}, {"HTTP://B/", 2}, {"http://c/", 0}, {"http://a/", 1}};
+  } steps[] = {{nullptr, 0},
+               {"http://a/GetPackageInfo.aspx?xml=%3Cr%2F%3E", 1},
+               {"HTTPS://user:pw@B/pkg/snapshot.xml", 2},
+               {"\\\\C\\share\\pkg\\dirlisting.tavorin.xml", 0},
+               {"http://a:8080/x#y", 1}};
   for (const Step& step : steps) {
     if (step.failing) profile->AddError(step.failing);
-    EXPECT_EQ(profile->BestServer(urls), step.best) << (step.failing ? step.failing : "none");
+    EXPECT_EQ(profile->BestServer(servers), step.best) << (step.failing ? step.failing : "none");
   }
-  EXPECT_EQ(profile->ErrorCount("http://A/"), 2u);
+  EXPECT_EQ(profile->ErrorCount("A"), 2u);
+  EXPECT_EQ(profile->ErrorCount("http://[::1]/"), 0u);
   EXPECT_FALSE(profile->BestServer({}));
 }
 

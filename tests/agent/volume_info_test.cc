@@ -7,11 +7,6 @@
 namespace pkgdlv {
 namespace {
 
-TEST(VolumeInfoTest, FatFamilyKeepsInexactTimes) {
-  for (const char* fat : {"vfat", "msdos", "exfat", "VFAT"}) EXPECT_TRUE(IsFatFamily(fat)) << fat;
-  for (const char* exact : {"ext4", "xfs", "btrfs", "tmpfs", "", "fuseblk"}) EXPECT_FALSE(IsFatFamily(exact)) << exact;
-}
-
 TEST(VolumeInfoTest, TheLinuxQueryNamesTheMountOfAFolder) {
   testing::TempDir dir;
   auto volumes = NewLinuxVolumeInfo();
@@ -23,7 +18,9 @@ TEST(VolumeInfoTest, TheLinuxQueryNamesTheMountOfAFolder) {
   EXPECT_EQ(volumes->Query(dir / "absent"), std::nullopt);
 }
 
-TEST(VolumeInfoTest, MemoryAndNetworkFileSystemsAreNotFixedDrives) {
+TEST(VolumeInfoTest, FatKeepsInexactTimesAndMemoryAndNetworkFileSystemsAreNotFixedDrives) {
+  for (const char* fat : {"vfat", "msdos", "exfat", "VFAT"}) EXPECT_TRUE(IsFatFamily(fat)) << fat;
+  for (const char* exact : {"ext4", "xfs", "btrfs", "tmpfs", "", "fuseblk"}) EXPECT_FALSE(IsFatFamily(exact)) << exact;
   for (const char* network : {"nfs4", "cifs", "fuse.sshfs"}) EXPECT_TRUE(IsNetworkFileSystem(network)) << network;
   for (const char* local : {"ext4", "overlay", "tmpfs", "fuseblk"}) EXPECT_FALSE(IsNetworkFileSystem(local)) << local;
 

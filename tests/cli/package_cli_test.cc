@@ -45,9 +45,49 @@ TEST(PackageCliTest, CopyCleanAndMoveAPackage) {
   EXPECT_EQ(ReadFile(dir / "moved" / "a.bin"), std::string(9000, 'a'));
   EXPECT_FALSE(fs::exists(dir / "pkg" / "a.bin"));
 
+  // Removing a whole folder needs the package's own document in it.
+  ToolResult unproven = RunTool("package clean " + Quote(dir / "moved") + snapshot + " --all", {}, dir / "home");
+  EXPECT_EQ(unproven.exit_code, 1);
+  EXPECT_NE(unproven.err.find("is not the package folder of"), std::string::npos) << unproven.err;
+  EXPECT_TRUE(fs::exists(dir / "moved" / "a.bin"));
+  fs::copy_file(dir / "doc" / "snapshot.xml", dir / "moved" / "snapshot.xml");
   ToolResult all = RunTool("package clean " + Quote(dir / "moved") + snapshot + " --all", {}, dir / "home");
   ASSERT_EQ(all.exit_code, 0) << all.err;
   EXPECT_FALSE(fs::exists(dir / "moved"));
+}
+
+TEST(PackageCliTest, CleanAllNeverRemovesAFolderTheAgentOrTheUserLivesIn) {
+  TempDir dir;
+  const fs::path home = dir / "home";
+  const fs::path work = dir / "work";
+  ASSERT_EQ(RunTool("config set '<Configuration workFolder=\"" + work.string() + "\"/>'", {}, home).exit_code, 0);
+  WriteFile(dir / "pkg" / "a.bin", "a");
+  ASSERT_EQ(RunTool("snapshot create " + Quote(dir / "pkg") +
+                        " --id {8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B} --version 1 --out " + Quote(dir / "doc"),
+                    {}, home)
+                .exit_code,
+            0);
+  const std::string snapshot = " --snapshot " + Quote(dir / "doc" / "snapshot.xml");
+  const fs::path user = dir / "user";
+  fs::create_directories(user);
+  const char* savedHome = std::getenv("HOME");
+  const std::string restoreHome = savedHome ? savedHome : "";
+  ::setenv("HOME", user.c_str(), 1);
+  fs::create_directory_symlink(dir / "pkg", dir / "link");
+  // Even holding the package's snapshot, none of these goes (a folder that
+  // holds the agent's data folder stands for the root folder too).
+  for (const fs::path& folder : {home, work, user, dir.path(), dir / "link"}) {
+    if (!fs::is_symlink(folder)) {
+      fs::copy_file(dir / "doc" / "snapshot.xml", folder / "snapshot.xml", fs::copy_options::overwrite_existing);
+    }
+    ToolResult clean = RunTool("package clean " + Quote(folder) + snapshot + " --all", {}, home);
+    EXPECT_EQ(clean.exit_code, 1) << folder;
+    EXPECT_NE(clean.err.find("refused"), std::string::npos) << folder << ": " << clean.err;
+    EXPECT_TRUE(fs::exists(folder)) << folder;
+  }
+  ::setenv("HOME", restoreHome.c_str(), 1);
+  EXPECT_TRUE(fs::exists(home / "settings.db"));
+  EXPECT_EQ(ReadFile(dir / "pkg" / "a.bin"), "a");
 }
 
 }  // namespace

@@ -86,17 +86,9 @@ TEST_F(SettingsCliTest, DefaultsWritesEveryDeliverySettingAndShowsStoredAndEffec
   EXPECT_EQ(defaults[0]["name"], "Retry delay (mins)");
   EXPECT_EQ(defaults[0]["stored"], 0);
   EXPECT_EQ(defaults[0]["effective"], 60000);
-  EXPECT_EQ(defaults[6]["name"], "Min Disk Free Space (MBytes)");
-  EXPECT_EQ(defaults[6]["stored"], 500);
-  EXPECT_EQ(defaults[6]["effective"], 524288000);
-
-  EXPECT_EQ(Ok(std::string("settings get ") + kDelivery + " 'maximum RETRY delay (mins)'"), "120\n");
-  nlohmann::json stored = nlohmann::json::parse(Ok(std::string("settings list ") + kDelivery + " --json"));
-  EXPECT_EQ(stored.size(), 11u);
-
-  std::string table = Ok("settings defaults");
-  EXPECT_NE(table.find("Urgent retry delay (ms)"), std::string::npos) << table;
-  EXPECT_NE(table.find("effective 22500 ms"), std::string::npos) << table;
+  EXPECT_EQ(nlohmann::json::parse(Ok(std::string("settings list ") + kDelivery + " --json")).size(), 11u);
+  EXPECT_EQ(Ok(std::string("settings get ") + kDelivery + " 'maximum RETRY delay (mins)'"), "120\n");  // any case
+  EXPECT_NE(Ok("settings defaults").find("effective 22500 ms"), std::string::npos);
 }
 
 TEST_F(SettingsCliTest, ConfigShowsAndAppliesTheDocument) {

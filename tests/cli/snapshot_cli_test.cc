@@ -112,6 +112,22 @@ TEST(SnapshotCliShowTest, HostileDocumentsAreRefusedWithTheReason) {
   EXPECT_NE(shown.err.find("Invalid snapshot XML: Unsafe path '..\\..\\etc\\passwd'"), std::string::npos) << shown.err;
 }
 
+TEST(SnapshotCliShowTest, NamesThatHideOrReorderTextAreEscaped) {
+  TempDir dir;
+  WriteFile(dir / "snapshot.xml",
+            "<Snapshot blockSize=\"4\"><Root size=\"0\"><File name=\"invoice&#x202E;fdp.exe\" size=\"0\"/>"
+            "<File name=\"b&#x9B;2J&#x2028;x\" size=\"0\"/></Root></Snapshot>");
+  ToolResult shown = RunTool("snapshot show " + Quote(dir / "snapshot.xml"));
+  ASSERT_EQ(shown.exit_code, 0) << shown.err;
+  EXPECT_NE(shown.out.find("\tinvoice\\u202Efdp.exe\n"), std::string::npos) << shown.out;
+  EXPECT_NE(shown.out.find("\tb\\u009B2J\\u2028x\n"), std::string::npos) << shown.out;
+  ToolResult json = RunTool("snapshot show --json " + Quote(dir / "snapshot.xml"));
+  std::vector<std::string> paths;
+  const nlohmann::json doc = nlohmann::json::parse(json.out);
+  for (const auto& file : doc["files"]) paths.push_back(file["path"]);
+  EXPECT_EQ(paths, (std::vector<std::string>{"b\u009B2J\u2028x", "invoice\u202Efdp.exe"})) << "JSON keeps names";
+}
+
 TEST(SnapshotCliShowTest, VerifyRefusals) {
   TempDir dir;
   WriteFile(dir / "snapshot.xml", "<Snapshot/>");

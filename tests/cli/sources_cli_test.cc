@@ -51,8 +51,9 @@ TEST(SourcesCliTest, PrintsTheAnswerOrTheFailure) {
 
 TEST(SourcesCliTest, SnapshotFetchWritesBothDocuments) {
   TempDir home, out, package;
-  testing::WriteFile(package / "a.txt", "data");
-  testing::WriteFile(package / "sub" / "b.txt", "more");
+  const std::filesystem::path source = package / "pkg dir";
+  testing::WriteFile(source / "a.txt", "data");
+  testing::WriteFile(source / "sub" / "b.txt", "more");
   HttpTestServer server;
   const std::string document =
       "<Snapshot id=\"{00000000-0000-0000-0000-000000000001}\" time=\"2026-01-01T00:00:00\" version=\"2\"><Root "
@@ -66,12 +67,19 @@ TEST(SourcesCliTest, SnapshotFetchWritesBothDocuments) {
   EXPECT_EQ(ReadFile(out / "url" / "snapshot.xml"), document) << "kept byte for byte";
   EXPECT_NE(ReadFile(out / "url" / "snapdata.xml").find("signature=\"c2ln\""), std::string::npos);
 
-  ToolResult listed = RunTool("snapshot fetch --dir '" + package.path().string() + "' --package '" + kId + "' -o '" +
-                                  (out / "dir").string() + "'",
-                              {}, home.path());
-  ASSERT_EQ(listed.exit_code, 0) << listed.err;
-  EXPECT_NE(listed.out.find("2 files, unsigned"), std::string::npos) << listed.out;
-  EXPECT_NE(ReadFile(out / "dir" / "snapshot.xml").find("<File name=\"b.txt\" size=\"4\""), std::string::npos);
+  // The source folder as a path, a path relative to the current folder, and a file: URL.
+  std::string url = "file://" + source.string();
+  url.replace(url.find(' '), 1, "%20");
+  const std::string forms[] = {source.string(), std::filesystem::relative(source).string(), url};
+  for (const std::string& form : forms) {
+    const std::filesystem::path written = out / std::to_string(&form - forms);
+    ToolResult listed = RunTool("snapshot fetch --dir '" + form + "' --package '" + kId + "' -o '" +
+                                    written.string() + "'",
+                                {}, home.path());
+    ASSERT_EQ(listed.exit_code, 0) << form << ": " << listed.err;
+    EXPECT_NE(listed.out.find("2 files, unsigned"), std::string::npos) << form << ": " << listed.out;
+    EXPECT_NE(ReadFile(written / "snapshot.xml").find("<File name=\"b.txt\" size=\"4\""), std::string::npos);
+  }
 
   ToolResult missing = RunTool("snapshot fetch --url " + server.Url("/none/snapshot.xml") + " --package '" + kId +
                                    "' -o '" + (out / "none").string() + "'",

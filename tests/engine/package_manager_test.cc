@@ -3,12 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
+#include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "agent/crypto.h"
 #include "records/package_request.h"
+#include "snapshot/snapshot_builder.h"
 #include "support/fake_clock.h"
+#include "support/fake_multicast_core.h"
 #include "support/fake_peer_configuration.h"
 #include "support/memory_settings_store.h"
 #include "support/recording_logger.h"
@@ -43,6 +48,24 @@ ScriptedStep Failure(Result code = 0x80004005, std::string description = "Server
   step.outcome.description = std::move(description);
   return step;
 }
+
+// Records every line, and first runs a hook on each line containing a text:
+// a test can hold the engine at a point it logs.
+class HookedLogger final : public Logger {
+ public:
+  HookedLogger(std::shared_ptr<RecordingLogger> log, std::string text, std::function<void()> hook)
+      : log_(std::move(log)), text_(std::move(text)), hook_(std::move(hook)) {}
+  bool IsEnabled(uint32_t level) override { return log_->IsEnabled(level); }
+  void Write(uint32_t level, std::string_view component, std::string_view message) noexcept override {
+    if (message.find(text_) != std::string_view::npos) hook_();
+    log_->Write(level, component, message);
+  }
+
+ private:
+  std::shared_ptr<RecordingLogger> log_;
+  std::string text_;
+  std::function<void()> hook_;
+};
 
 class PackageManagerTest : public ::testing::Test {
  protected:
@@ -88,6 +111,24 @@ class PackageManagerTest : public ::testing::Test {
     const size_t start = text.find(marker) + marker.size();
     return {saved.status(), text.substr(start, text.find('"', start) - start)};
   }
+  // A request that brings its own snapshot, listing count files that are
+  // present and complete but not checked yet.
+  std::shared_ptr<PackageRequest> PackageWithFiles(const Guid& id, int count) {
+    const std::filesystem::path folder = WorkFolder() / id.ToString();
+    std::filesystem::create_directories(folder);
+    for (int i = 0; i < count; ++i) {
+      testing::WriteFile(folder / Format("file%d.bin", i), std::string(4096, static_cast<char>('a' + i)));
+    }
+    auto request = std::make_shared<PackageRequest>(services_);
+    EXPECT_TRUE(request->LoadFromXml(PackageDocument(id, "invalid", 0, 0)));
+    auto lock = request->Lock();
+    request->hasSnapshot = true;
+    Snapshot& snapshot = request->snapshot();
+    BuildSnapshotFromFolder(folder, {}, snapshot);
+    snapshot.path = folder.string();
+    for (SnapshotEntry& entry : snapshot.entries) entry.state = entrystate::kNotChecked;
+    return request;
+  }
   std::vector<Guid> AttemptIds() {
     std::vector<Guid> ids;
     for (const testing::Attempt& attempt : downloader_->Attempts()) ids.push_back(attempt.id);
@@ -99,12 +140,16 @@ class PackageManagerTest : public ::testing::Test {
     EXPECT_TRUE(clock_->AwaitTimedWaiters(1));
     return (clock_->EarliestDeadline() - clock_->TickCount()) / kMinuteMs;
   }
-  bool AwaitLog(std::string_view text) {
+  // Polls in real time for at most ten seconds.
+  static bool Await(const std::function<bool()>& condition) {
     for (int i = 0; i < 1000; ++i) {
-      if (log_->Contains(text)) return true;
+      if (condition()) return true;
       std::this_thread::sleep_for(10ms);
     }
     return false;
+  }
+  bool AwaitLog(std::string_view text) {
+    return Await([&] { return log_->Contains(text); });
   }
 
   TempDir dir_;
@@ -235,6 +280,8 @@ TEST_F(PackageManagerTest, AttemptLimitGivesThePackageUpAsInvalid) {
     clock_->Advance(AwaitRetryWaitMinutes() * kMinuteMs);
   }
   ASSERT_TRUE(downloader_->AwaitAttempts(5));
+  // A stop before the outcome is applied would suspend the attempt instead.
+  ASSERT_TRUE(Await([&] { return !engine_->queue().Contains(IdOf(1)); }));
   engine_->Stop();
   EXPECT_EQ(OnDisk(IdOf(1)), StatusText(PKGDLV_INVALID, std::string("No server answered")));
   EXPECT_FALSE(engine_->queue().Contains(IdOf(1)));
@@ -245,7 +292,8 @@ TEST_F(PackageManagerTest, AttemptLimitGivesThePackageUpAsInvalid) {
 
 struct EndCase {
   const char* name;
-  int interruption;  // handed to the running transfer during the attempt
+  std::vector<int> interruptions;  // handed to the running transfer during the attempt, in order
+  bool stopEvent;  // then the stop event is set, as by a stop that has not reached the transfer yet
   bool noRetry;
   int32_t status;
   const char* description;
@@ -259,10 +307,13 @@ class AttemptEndTest : public PackageManagerTest, public ::testing::WithParamInt
 TEST_P(AttemptEndTest, OutcomeSetsStatusAndQueue) {
   const EndCase& c = GetParam();
   ScriptedStep step = Failure(0x80004005, "Transfer failed");
-  step.holdUntilInterrupted = c.interruption != 0;
+  step.holdUntilInterrupted = !c.interruptions.empty() || c.stopEvent;
   step.outcome.noRetry = c.noRetry;
   downloader_->Script(IdOf(1), {step});
-  if (c.interruption != 0) downloader_->OnAttempt([&](const Guid&) { Engine().InterruptDownload(c.interruption); });
+  downloader_->OnAttempt([&](const Guid&) {
+    for (int reason : c.interruptions) Engine().InterruptDownload(reason);
+    if (c.stopEvent) Engine().stopEvent().Set();
+  });
   Queue(IdOf(1));
 
   std::shared_ptr<PackageRequest> request = Engine().WaitForReadyPackage();
@@ -275,12 +326,20 @@ TEST_P(AttemptEndTest, OutcomeSetsStatusAndQueue) {
 INSTANTIATE_TEST_SUITE_P(
     Reasons, AttemptEndTest,
     ::testing::Values(
-        EndCase{"Preempted", 1, false, PKGDLV_PENDING, "Package download waiting for completion of higher priority job",
-                true},
-        EndCase{"Cancelled", 2, false, PKGDLV_INVALID, "Package download cancelled", false},
-        EndCase{"Suspended", 3, false, PKGDLV_PENDING, "Package download suspended", true},
-        EndCase{"Retried", 0, false, PKGDLV_RETRYING, "Transfer failed", true},
-        EndCase{"NotToBeRetried", 0, true, PKGDLV_INVALID, "Transfer failed", false}),
+        EndCase{"Preempted", {1}, false, false, PKGDLV_PENDING,
+                "Package download waiting for completion of higher priority job", true},
+        EndCase{"Cancelled", {2}, false, false, PKGDLV_INVALID, "Package download cancelled", false},
+        EndCase{"Suspended", {3}, false, false, PKGDLV_PENDING, "Package download suspended", true},
+        EndCase{"Stopped", {}, true, false, PKGDLV_PENDING, "Package download suspended", true},
+        EndCase{"Retried", {}, false, false, PKGDLV_RETRYING, "Transfer failed", true},
+        EndCase{"NotToBeRetried", {}, false, true, PKGDLV_INVALID, "Transfer failed", false},
+        // A reason of higher consequence is never overwritten by a lesser
+        // one that comes after it.
+        EndCase{"CancelledThenPreempted", {2, 1}, false, false, PKGDLV_INVALID, "Package download cancelled", false},
+        EndCase{"CancelledThenSuspended", {2, 3}, false, false, PKGDLV_INVALID, "Package download cancelled", false},
+        EndCase{"CancelledThenStopped", {2}, true, false, PKGDLV_INVALID, "Package download cancelled", false},
+        EndCase{"PreemptedThenCancelled", {1, 2}, false, false, PKGDLV_INVALID, "Package download cancelled", false},
+        EndCase{"SuspendedThenPreempted", {3, 1}, false, false, PKGDLV_PENDING, "Package download suspended", true}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(PackageManagerTest, DecryptFailuresInARowResetTheClientIdentity) {
@@ -443,6 +502,65 @@ TEST_F(PackageManagerTest, AFailingDownloadMachineryFlushesTheQueueAndTheNextReq
   engine_->Stop();
   EXPECT_EQ(AttemptIds(), (std::vector<Guid>{IdOf(1), IdOf(2)}));
   EXPECT_EQ(OnDisk(IdOf(2)).first, PKGDLV_VALID);
+}
+
+// The client's events reach the multicast engine, and the end of a blockout
+// wakes the thread, which waits without a time-out while downloads are blocked.
+TEST_F(PackageManagerTest, ClientEventsReachTheMulticastEngineAndABlockoutsEndWakesTheThread) {
+  auto core = std::make_shared<testing::FakeMulticastCore>();
+  services_.multicast_core = core;
+  store_->Set(kMulticastSettingsKey, "Enabled", SettingValue::Number(1));
+  Engine().Start();
+  ASSERT_EQ(engine_->multicast().state(), MulticastEngine::kIdle);
+
+  store_->Set(kMulticastSettingsKey, "Port", SettingValue::Number(52031));
+  client_->events().RaiseSettingsChanged();
+  EXPECT_EQ(core->Parameters().port, 52031u);
+  EXPECT_EQ(core->opened, 2);
+
+  client_->blocked = true;
+  client_->events().RaiseBlockoutStarted();
+  EXPECT_EQ(engine_->multicast().state(), MulticastEngine::kInterfaceClosed);
+  const int queriesBefore = client_->blockedQueries;
+  Queue(IdOf(1));  // wakes the thread, which finds downloads blocked
+  ASSERT_TRUE(Await([&] { return client_->blockedQueries > queriesBefore; }));
+
+  client_->blocked = false;
+  client_->events().RaiseBlockoutExpired();
+  EXPECT_TRUE(log_->Contains("OnBlockoutExpired() Communication blockout expired."));
+  ASSERT_TRUE(downloader_->AwaitAttempts(1));
+  engine_->Stop();
+  engine_.reset();
+  client_->events().RaiseBlockoutStarted();  // no longer subscribed: reaches nothing
+  EXPECT_EQ(log_->Count("OnBlockoutStarted()"), 1u);
+}
+
+// Work that holds the queue lock (the quick check of a queued package's
+// files) never keeps a stop waiting, and is itself cut short by the stop.
+TEST_F(PackageManagerTest, StopDoesNotWaitForTheQueueLockAndCutsTheQuickCheckShort) {
+  Event checking, release;
+  services_.log = std::make_shared<HookedLogger>(log_, "GetUpdateList checking Hash for file", [&] {
+    checking.Set();
+    release.Wait(10000);
+  });
+  {
+    std::shared_ptr<PackageRequest> request = PackageWithFiles(IdOf(1), 3);
+    // The thread sleeps on a retry time, needing no lock to see the stop.
+    downloader_->Script(IdOf(2), {Failure()});
+    Queue(IdOf(2));
+    Engine().Start();
+    ASSERT_TRUE(clock_->AwaitTimedWaiters(1));
+    std::jthread queuing([&] { engine_->QueuePackage(request, false); });
+    ASSERT_TRUE(checking.Wait(10000));
+    std::future<void> stopped = std::async(std::launch::async, [&] { engine_->Stop(); });
+    const bool stoppedWhileHeld = stopped.wait_for(10s) == std::future_status::ready;
+    release.Set();
+    EXPECT_TRUE(stoppedWhileHeld);
+  }
+  EXPECT_FALSE(engine_->IsRunning());
+  // Complete files would make it valid; a check cut short judges nothing
+  // complete, and the package resumes at the next start.
+  EXPECT_EQ(OnDisk(IdOf(1)).first, PKGDLV_PENDING);
 }
 
 TEST_F(PackageManagerTest, StopEndsAWaitAndARunningDownloadPromptlyAndLeavesTheDocumentConsistent) {

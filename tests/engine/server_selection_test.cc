@@ -83,6 +83,28 @@ TEST_F(ServerSelectionTest, SourcesOnThisComputerWinAndTheSpeedComesFromTheProfi
   EXPECT_TRUE(log_->Contains("GetPackageLocalSources: Locally installed Package Server not found"));
 }
 
+// The profile counts what the transport records, the URLs it used; the
+// selection ranks servers by their host.
+TEST(ServerSelectionProfileTest, ErrorsRecordedByTheTransportMoveTheChoice) {
+  auto log = std::make_shared<testing::RecordingLogger>();
+  auto profile = NewMemoryServerProfile();
+  Event stop;
+  ServerSelector selector(*log, *profile, "THIS", stop);
+  const std::vector<CodebaseEntry> sources = {Source("http://s0:8080/pkg"), Source("http://s1/pkg")};
+  const std::vector<std::string> servers = {"s0", "s1"};
+  auto choose = [&] {
+    ServerSelection chosen;
+    std::vector<CodebaseEntry> tried;
+    std::vector<std::string> bad;
+    EXPECT_TRUE(selector.SelectServer(servers, sources, chosen, bad, tried, {}, false));
+    return chosen.location;
+  };
+  EXPECT_EQ(choose(), "http://s0:8080/pkg");
+  for (int i = 0; i < 5; ++i) profile->AddError("http://user@S0:8080/pkg/snapshot.xml?Resource=r&compress=1");
+  EXPECT_EQ(choose(), "http://s1/pkg");
+  EXPECT_EQ(profile->ErrorCount("s0"), 5u);
+}
+
 TEST_F(ServerSelectionTest, ABadBestServerRestartsTheScanAtTheFirstServer) {
   profile_.best = 1;
   bad_ = {"s1"};

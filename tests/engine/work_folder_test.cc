@@ -1,5 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <thread>
+
 #include "agent/crypto.h"
 #include "agent/volume_info.h"
 #include "engine/package_manager.h"
@@ -11,23 +18,31 @@
 #include "support/scripted_downloader.h"
 #include "support/temp_dir.h"
 #include "util/error.h"
+#include "util/same_folder.h"
 
 namespace pkgdlv {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 using testing::ReadFile;
 using testing::TempDir;
 using testing::WriteFile;
 
-const Guid kFirst = *Guid::Parse("{00000000-0000-0000-0000-000000000001}");
-const Guid kSecond = *Guid::Parse("{00000000-0000-0000-0000-000000000002}");
+Guid IdOf(int n) { return *Guid::Parse(Format("{00000000-0000-0000-0000-%012d}", n)); }
+const Guid kFirst = IdOf(1);
+const Guid kSecond = IdOf(2);
 
 class FakeVolumes final : public VolumeInfo {
  public:
   std::optional<VolumeDetails> Query(const fs::path&) override { return details; }
   VolumeDetails details{"ext4", true, true, 1ull << 40, true};
 };
+
+std::string Lower(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
 
 class WorkFolderTest : public ::testing::Test {
  protected:
@@ -40,10 +55,16 @@ class WorkFolderTest : public ::testing::Test {
     services_.client = std::make_shared<testing::FakeClientAgent>();
     services_.volumes = volumes_;
   }
-  void WritePackage(const fs::path& work, const Guid& id, std::string_view status) {
-    WriteFile(work / id.ToString() / "package.xml",
+  void WritePackage(const fs::path& work, const Guid& id, std::string_view status, std::string folderName = {}) {
+    const fs::path folder = work / (folderName.empty() ? id.ToString() : folderName);
+    WriteFile(folder / "package.xml",
               Format("<Package id=\"%ls\" name=\"p\" size=\"9\" status=\"%ls\"/>", id.ToString(), std::string(status)));
-    WriteFile(work / id.ToString() / "data" / "payload.bin", "123456789");
+    WriteFile(folder / "data" / "payload.bin", "123456789");
+  }
+  std::string StatusOnDisk(const fs::path& work, const Guid& id) {
+    const std::string text = ReadFile(work / id.ToString() / "package.xml");
+    const size_t at = text.find("status=\"");
+    return at == std::string::npos ? "" : text.substr(at + 8, text.find('"', at + 8) - at - 8);
   }
 
   TempDir dir_;
@@ -52,34 +73,13 @@ class WorkFolderTest : public ::testing::Test {
   AgentServices services_;
 };
 
-TEST_F(WorkFolderTest, LockFileKeepsASecondHolderOutAndGoesWithItsHolder) {
-  WorkFolderLock first, second;
-  first.Open(dir_.path());
-  EXPECT_TRUE(fs::exists(dir_ / kWorkFolderLockFileName));
-  try {
-    second.Open(dir_.path());
-    ADD_FAILURE() << "a second lock was granted";
-  } catch (const Error& e) {
-    EXPECT_EQ(e.code(), 0x80070020u);
-  }
-  first.Close();
-  EXPECT_FALSE(fs::exists(dir_ / kWorkFolderLockFileName));
-  second.Open(dir_.path());
-  EXPECT_TRUE(second.IsOpen());
-
-  // An engine that cannot lock its folder says so and works on.
-  PackageManager engine(services_, dir_.path(), std::make_shared<testing::ScriptedDownloader>(services_.clock));
-  engine.LockWorkFolder(false);
-  EXPECT_TRUE(log_->Contains("LockWorkFolder: Cannot lock work folder, error: "));
-}
-
 struct Refusal {
   const char* name;
   bool fixedDrive;
   bool sparseFiles;
-  const char* target;  // relative to the test folder, or absolute
+  const char* target;  // below the test folder ("proc" is a link to /proc), or absolute
   uint32_t flags;
-  const char* message;
+  const char* message;  // with the resolved target
 };
 
 void PrintTo(const Refusal& r, std::ostream* os) { *os << r.name; }
@@ -92,16 +92,20 @@ TEST_P(RelocationRefusalTest, IsRefusedBeforeDownloadsAreSuspended) {
   volumes_->details.sparseFiles = r.sparseFiles;
   const fs::path work = dir_ / "work";
   WritePackage(work, kFirst, "pending");
+  fs::create_directory_symlink("/proc", dir_ / "proc");
   PackageManager engine(services_, work, nullptr);
   engine.ResumeDownloads();
 
   const fs::path target = fs::path(r.target).is_absolute() ? fs::path(r.target) : dir_ / r.target;
   PackageManager::Relocation result = engine.RelocateWorkFolder(target);
   EXPECT_EQ(result.flags, r.flags);
-  EXPECT_TRUE(log_->Contains(Format(r.message, target.string())));
+  const std::string message = Format(r.message, ResolvedFolder(target).string());
+  EXPECT_EQ(result.message, message);
+  EXPECT_TRUE(log_->Contains(message));
   EXPECT_FALSE(engine.relocationRequested().IsSet());
   EXPECT_TRUE(engine.queue().Contains(kFirst));
   EXPECT_TRUE(fs::exists(work / kFirst.ToString() / "package.xml"));
+  EXPECT_FALSE(fs::exists(ResolvedFolder(target) / kFirst.ToString()));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -111,11 +115,18 @@ INSTANTIATE_TEST_SUITE_P(
                 "The new work folder will not be applied: not a local hard drive: '%ls'"},
         Refusal{"SystemFolder", true, true, "/usr/share/packages", PKGDLV_RELOCATE_ABORTED_KNOWN_FOLDER,
                 "The new work folder will not be applied: it is a system folder: '%ls'"},
+        Refusal{"LinkToASystemFolder", true, true, "proc/pkgdlv-store", PKGDLV_RELOCATE_ABORTED_KNOWN_FOLDER,
+                "The new work folder will not be applied: it is a system folder: '%ls'"},
+        Refusal{"IntoAPackageFolder", true, true, "work/{00000000-0000-0000-0000-000000000001}/store",
+                PKGDLV_RELOCATE_ABORTED,
+                "The new work folder will not be applied: it is inside the current work folder: '%ls'"},
+        Refusal{"IntoASubfolder", true, true, "work/sub", PKGDLV_RELOCATE_ABORTED,
+                "The new work folder will not be applied: it is inside the current work folder: '%ls'"},
         Refusal{"NoSparseFiles", true, false, "new", PKGDLV_RELOCATE_ABORTED_NOT_NTFS,
                 "The new work folder will not be applied: not NTFS or ReFS drive: '%ls'"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(WorkFolderTest, FreeSpaceMustExceedTheNeedAndARefusalKeepsDownloadsSuspended) {
+TEST_F(WorkFolderTest, NoSpaceRefusalKeepsDownloadsSuspendedAndATakenPackagePending) {
   const fs::path work = dir_ / "work";
   WritePackage(work, kFirst, "pending");
   const StoreSize size = MeasureStore(work);
@@ -125,46 +136,179 @@ TEST_F(WorkFolderTest, FreeSpaceMustExceedTheNeedAndARefusalKeepsDownloadsSuspen
 
   PackageManager engine(services_, work, nullptr);
   engine.ResumeDownloads();
+  std::shared_ptr<PackageRequest> taken = engine.WaitForReadyPackage();  // its attempt not begun
+  ASSERT_TRUE(taken);
+  ASSERT_EQ(StatusOnDisk(work, kFirst), "downloading");
   PackageManager::Relocation result = engine.RelocateWorkFolder(dir_ / "new");
   EXPECT_EQ(result.flags, PKGDLV_RELOCATE_ABORTED_NO_SPACE);
   EXPECT_EQ(result.requiredMiB, 0u);
   EXPECT_TRUE(engine.relocationRequested().IsSet());
   EXPECT_EQ(engine.queue().Size(), 0u);
-  EXPECT_TRUE(fs::exists(work / kFirst.ToString() / "package.xml"));
+  EXPECT_EQ(StatusOnDisk(work, kFirst), "pending");
 
-  volumes_->details.freeBytes += 1;
+  // Queued again while the request stands, it is not taken.
+  engine.ResumeDownloads();
+  EXPECT_TRUE(engine.queue().Contains(kFirst));
+  EXPECT_FALSE(engine.WaitForReadyPackage());
+  EXPECT_EQ(StatusOnDisk(work, kFirst), "pending");
+
+  volumes_->details.freeBytes = 1ull << 40;
   EXPECT_EQ(engine.RelocateWorkFolder(dir_ / "new").flags, PKGDLV_RELOCATE_SUCCESS);
   EXPECT_FALSE(engine.relocationRequested().IsSet());
+  EXPECT_TRUE(engine.WaitForReadyPackage());
 }
 
 TEST_F(WorkFolderTest, RelocationMovesEveryPackageFollowsHeldRecordsAndResumesFromTheNewFolder) {
   const fs::path work = dir_ / "work";
   const fs::path moved = dir_ / "elsewhere" / "store";
+  const Guid lower = IdOf(3);
   WritePackage(work, kFirst, "pending");
   WritePackage(work, kSecond, "valid");
+  WritePackage(work, lower, "pending", Lower(lower.ToString()));
   WriteFile(work / kFirst.ToString() / "cache" / "block-tmp", "scratch");
 
   PackageManager engine(services_, work, nullptr);
   engine.LockWorkFolder(false);
   engine.ResumeDownloads();
+  EXPECT_TRUE(engine.queue().Contains(lower));
   std::shared_ptr<PackageRequest> held = engine.store().Find(kFirst);
   ASSERT_TRUE(held);
 
   EXPECT_EQ(engine.RelocateWorkFolder(moved).flags, PKGDLV_RELOCATE_SUCCESS);
   EXPECT_FALSE(fs::exists(work));
-  for (const Guid& id : {kFirst, kSecond}) EXPECT_EQ(ReadFile(moved / id.ToString() / "data" / "payload.bin"), "123456789");
+  for (const Guid& id : {kFirst, kSecond}) {
+    EXPECT_EQ(ReadFile(moved / id.ToString() / "data" / "payload.bin"), "123456789");
+  }
+  EXPECT_EQ(ReadFile(moved / Lower(lower.ToString()) / "data" / "payload.bin"), "123456789");
   EXPECT_TRUE(fs::exists(moved / kWorkFolderLockFileName));
   EXPECT_EQ(held->packageFolder(), (moved / kFirst.ToString()).string());
   EXPECT_TRUE(engine.queue().Contains(kFirst));
+  EXPECT_TRUE(engine.queue().Contains(lower));
   EXPECT_FALSE(engine.queue().Contains(kSecond));
   EXPECT_TRUE(log_->Contains("Package relocation is complete"));
 
   // The same folder again: only checked, nothing moves.
   EXPECT_EQ(engine.RelocateWorkFolder(moved).flags, PKGDLV_RELOCATE_SUCCESS);
   EXPECT_TRUE(log_->Contains("Validating work folder integrity..."));
+
+  // The same name in other letters is another folder on this file system.
+  const fs::path otherCase = dir_ / "elsewhere" / "Store";
+  EXPECT_EQ(engine.RelocateWorkFolder(otherCase).flags, PKGDLV_RELOCATE_SUCCESS);
+  EXPECT_EQ(ReadFile(otherCase / kFirst.ToString() / "data" / "payload.bin"), "123456789");
+  EXPECT_EQ(engine.store().workFolder(), otherCase);
 }
 
-TEST_F(WorkFolderTest, LinksLeftByAPartialMoveAreFinishedInPlaceAndForeignLinksAbort) {
+// What stands in the way of a move; every case must leave all packages
+// where they were, readable, and the old folder locked.
+struct Obstacle {
+  const char* name;
+  std::function<void(const fs::path& dir, const fs::path& work, const fs::path& target)> make;
+  const char* logged;
+};
+
+void PrintTo(const Obstacle& o, std::ostream* os) { *os << o.name; }
+
+class RelocationObstacleTest : public WorkFolderTest, public ::testing::WithParamInterface<Obstacle> {};
+
+TEST_P(RelocationObstacleTest, LeavesEveryPackageInPlace) {
+  const fs::path work = dir_ / "work";
+  const fs::path target = dir_ / "new";
+  for (int n = 1; n <= 6; ++n) WritePackage(work, IdOf(n), "pending");
+  WriteFile(dir_ / "foreign" / "keep.txt", "mine");
+  GetParam().make(dir_.path(), work, target);
+
+  PackageManager engine(services_, work, nullptr);
+  engine.LockWorkFolder(false);
+  EXPECT_EQ(engine.RelocateWorkFolder(target).flags, PKGDLV_RELOCATE_ABORTED);
+  EXPECT_TRUE(log_->Contains(GetParam().logged));
+  EXPECT_TRUE(log_->Contains("The new work folder will not be applied: file moving operation failed."));
+  for (int n = 1; n <= 6; ++n) {
+    EXPECT_EQ(ReadFile(work / IdOf(n).ToString() / "data" / "payload.bin"), "123456789") << n;
+    EXPECT_TRUE(engine.store().Find(IdOf(n))) << n;
+  }
+  EXPECT_EQ(engine.store().workFolder(), work);
+  EXPECT_TRUE(fs::exists(work / kWorkFolderLockFileName));
+  WorkFolderLock other;
+  EXPECT_THROW(other.Open(work), Error);
+  EXPECT_EQ(ReadFile(dir_ / "foreign" / "keep.txt"), "mine");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, RelocationObstacleTest,
+    ::testing::Values(
+        Obstacle{"ForeignLinkInTheStore",
+                 [](const fs::path&, const fs::path& work, const fs::path&) {
+                   fs::create_directory_symlink(fs::path(work).parent_path() / "foreign", work / IdOf(9).ToString());
+                 },
+                 "contain Directory Junction to foreign location"},
+        Obstacle{"ForeignLinkInTheTarget",
+                 [](const fs::path& dir, const fs::path&, const fs::path& target) {
+                   fs::create_directories(target);
+                   fs::create_directory_symlink(dir / "foreign", target / IdOf(5).ToString());
+                 },
+                 "contain Directory Junction to foreign location"},
+        Obstacle{"NameTakenInTheTarget",
+                 [](const fs::path&, const fs::path&, const fs::path& target) {
+                   WriteFile(target / IdOf(5).ToString() / "other.txt", "x");
+                 },
+                 "Failed to move the package"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+class StoreMoverTest : public WorkFolderTest {
+ protected:
+  void SetUp() override {
+    for (int n = 1; n <= 6; ++n) WritePackage(from_, IdOf(n), "pending");
+  }
+  void ExpectAllInPlace() {
+    for (int n = 1; n <= 6; ++n) {
+      EXPECT_EQ(ReadFile(from_ / IdOf(n).ToString() / "data" / "payload.bin"), "123456789") << n;
+      EXPECT_FALSE(fs::exists(to_ / IdOf(n).ToString())) << n;
+    }
+  }
+  fs::path from_ = dir_ / "from";
+  fs::path to_ = dir_ / "to";
+};
+
+TEST_F(StoreMoverTest, AFailureAfterSomePackagesMovedBringsThemBack) {
+  for (int acrossVolumes : {0, 1}) {
+    SCOPED_TRACE(acrossVolumes ? "copied" : "renamed");
+    StoreMover mover(*log_);
+    int calls = 0;
+    mover.SetRename([&](const fs::path& a, const fs::path& b) {
+      if (++calls == 4) return EIO;
+      if (acrossVolumes && calls < 4) return EXDEV;
+      return std::rename(a.c_str(), b.c_str()) == 0 ? 0 : errno;
+    });
+    EXPECT_EQ(mover.Move(from_, to_), MoveResult::kFailed);
+    EXPECT_TRUE(log_->Contains("Error moving package: "));
+    ExpectAllInPlace();
+  }
+}
+
+TEST_F(StoreMoverTest, AStopDuringALargeCopyEndsPromptlyAndKeepsTheSource) {
+  const fs::path big = from_ / IdOf(1).ToString() / "data" / "big.bin";
+  constexpr uintmax_t kBig = 512ull << 20;
+  { std::ofstream(big).flush(); }
+  fs::resize_file(big, kBig);
+  Event stop(Event::Reset::kManual);
+  StoreMover mover(*log_, &stop);
+  mover.SetRename([](const fs::path&, const fs::path&) { return EXDEV; });
+
+  std::thread stopper([&] {
+    std::this_thread::sleep_for(50ms);
+    stop.Set();
+  });
+  const auto started = std::chrono::steady_clock::now();
+  const MoveResult result = mover.Move(from_, to_);
+  const auto stopped = std::chrono::steady_clock::now() - started;
+  stopper.join();
+  EXPECT_EQ(result, MoveResult::kFailed);
+  EXPECT_LT(stopped, 1s);
+  EXPECT_EQ(fs::file_size(big), kBig);
+  ExpectAllInPlace();
+}
+
+TEST_F(WorkFolderTest, LinksLeftByAPartialMoveAreFinishedInPlaceAndOnlyThose) {
   const fs::path old = dir_ / "old";
   const fs::path store = dir_ / "store";
   WritePackage(old, kFirst, "pending");
@@ -172,20 +316,79 @@ TEST_F(WorkFolderTest, LinksLeftByAPartialMoveAreFinishedInPlaceAndForeignLinksA
   fs::create_directory_symlink(old / kFirst.ToString(), store / kFirst.ToString());
 
   StoreMover mover(*log_);
+  EXPECT_EQ(mover.Check(store), MoveResult::kPartlyMoved);
   EXPECT_EQ(mover.Move(store, store), MoveResult::kAllMoved);
   EXPECT_FALSE(fs::is_symlink(store / kFirst.ToString()));
   EXPECT_EQ(ReadFile(store / kFirst.ToString() / "data" / "payload.bin"), "123456789");
   EXPECT_FALSE(fs::exists(old / kFirst.ToString()));
 
-  // A link in the target that leads anywhere but the package being moved.
-  const fs::path next = dir_ / "next";
-  WritePackage(dir_ / "foreign", kFirst, "pending");
-  fs::create_directories(next);
-  fs::create_directory_symlink(dir_ / "foreign" / kFirst.ToString(), next / kFirst.ToString());
-  EXPECT_EQ(mover.Move(store, next), MoveResult::kFailed);
-  EXPECT_TRUE(log_->Contains("contain Directory Junction to foreign location"));
-  EXPECT_TRUE(fs::exists(store / kFirst.ToString() / "package.xml"));
+  // A link named by a package that leads to anything but that package's
+  // folder is never followed, neither by a check nor by the store.
+  WriteFile(dir_ / "foreign" / kSecond.ToString() / "keep.txt", "mine");
+  fs::create_directory_symlink(dir_ / "foreign" / kSecond.ToString(), store / kSecond.ToString());
+  EXPECT_EQ(mover.Move(store, store), MoveResult::kFailed);
+  EXPECT_EQ(ReadFile(dir_ / "foreign" / kSecond.ToString() / "keep.txt"), "mine");
+  PackageManager engine(services_, store, nullptr);
+  EXPECT_EQ(engine.store().ListPackageIds(), std::vector<Guid>{kFirst});
+  EXPECT_FALSE(engine.store().Find(kSecond));
 }
+
+TEST_F(WorkFolderTest, ValidatingTheCurrentFolderDoesNotWaitForARunningDownload) {
+  const fs::path work = dir_ / "work";
+  WritePackage(work, kFirst, "pending");
+  auto downloader = std::make_shared<testing::ScriptedDownloader>(services_.clock);
+  testing::ScriptedStep hold;
+  hold.holdUntilInterrupted = true;
+  downloader->SetDefault(hold);
+  PackageManager engine(services_, work, downloader);
+  engine.Start();
+  ASSERT_TRUE(downloader->AwaitAttempts(1));
+
+  auto validated = std::async(std::launch::async, [&] { return engine.RelocateWorkFolder(work); });
+  const bool returned = validated.wait_for(5s) == std::future_status::ready;
+  engine.Stop();
+  ASSERT_TRUE(returned) << "the check waited for the download";
+  EXPECT_EQ(validated.get().flags, PKGDLV_RELOCATE_SUCCESS);
+}
+
+struct FolderChange {
+  const char* name;
+  const char* folder;  // "~" stands for the test folder
+  Result code;         // 0: accepted
+};
+
+void PrintTo(const FolderChange& c, std::ostream* os) { *os << c.name; }
+
+class SetWorkFolderTest : public WorkFolderTest, public ::testing::WithParamInterface<FolderChange> {};
+
+TEST_P(SetWorkFolderTest, FollowsTheRulesOfAWorkFolder) {
+  WriteFile(dir_ / "file", "x");
+  PackageManager engine(services_, dir_ / "work", nullptr);
+  std::string folder = GetParam().folder;
+  if (folder.starts_with("~")) folder = dir_.path().string() + folder.substr(1);
+  if (GetParam().code == 0) {
+    EXPECT_TRUE(engine.SetWorkFolder(folder));
+    EXPECT_TRUE(fs::is_directory(folder));
+    EXPECT_EQ(engine.store().workFolder(), ResolvedFolder(folder));
+    return;
+  }
+  try {
+    engine.SetWorkFolder(folder);
+    ADD_FAILURE() << "accepted " << folder;
+  } catch (const Error& e) {
+    EXPECT_EQ(e.code(), GetParam().code) << e.description();
+  }
+  EXPECT_EQ(engine.store().workFolder(), dir_ / "work");
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, SetWorkFolderTest,
+                         ::testing::Values(FolderChange{"Missing", "~/a/b", 0},
+                                           FolderChange{"Root", "/", result::kAccessDenied},
+                                           FolderChange{"Proc", "/proc", result::kAccessDenied},
+                                           FolderChange{"AFile", "/etc/passwd", result::kAccessDenied},
+                                           FolderChange{"AFileElsewhere", "~/file", FromWin32(win32::kPathNotFound)},
+                                           FolderChange{"Relative", "relative/store", result::kInvalidArg}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(WorkFolderTest, SetWorkFolderRefusesWhileAnotherFolderHasQueuedPackages) {
   const fs::path work = dir_ / "work";

@@ -7,6 +7,7 @@
 #include <future>
 #include <thread>
 
+#include "support/fake_multicast_core.h"
 #include "support/memory_settings_store.h"
 #include "support/recording_logger.h"
 #include "support/scripted_downloader.h"
@@ -16,53 +17,6 @@ namespace pkgdlv {
 namespace {
 
 using E = MulticastEngine;
-
-// A session that runs until the test finishes it or the engine stops it.
-class FakeSession final : public MulticastSession {
- public:
-  int Run() override {
-    running.Set();
-    done.Wait();
-    return stopped ? kMulticastNothing : result.load();
-  }
-  void Stop() override {
-    stopped = true;
-    done.Set();
-  }
-  bool IsBusy() override { return busy; }
-  void Finish(int r) {
-    result = r;
-    done.Set();
-  }
-  Event running, done;
-  std::atomic<bool> stopped = false, busy = true;
-  std::atomic<int> result = kMulticastReceived;
-};
-
-class FakeCore final : public MulticastCore {
- public:
-  bool Initialize(const MulticastCoreParameters& p) override {
-    parameters = p;
-    ++initialised;
-    return initialiseWorks;
-  }
-  void SetSpeedLimits(uint32_t maxBps, uint32_t minBps) override { limits = {maxBps, minBps}; }
-  bool OpenManagement() override { return ++opened, true; }
-  void CloseManagement() override { ++closed; }
-  void Shutdown() override { ++shutdowns; }
-  bool CanDownload() override { return true; }
-  std::shared_ptr<MulticastSession> PrepareDownload(const Guid&, uint64_t) override {
-    session = std::make_shared<FakeSession>();
-    prepared.Set();
-    return session;
-  }
-  MulticastCoreParameters parameters;
-  std::pair<uint32_t, uint32_t> limits;
-  bool initialiseWorks = true;
-  int initialised = 0, opened = 0, closed = 0, shutdowns = 0;
-  std::shared_ptr<FakeSession> session;
-  Event prepared;
-};
 
 class MulticastEngineTest : public ::testing::Test {
  protected:
@@ -99,16 +53,18 @@ class MulticastEngineTest : public ::testing::Test {
   testing::MemorySettingsStore store_;
   testing::RecordingLogger log_;
   std::shared_ptr<testing::FakeClientAgent> client_ = std::make_shared<testing::FakeClientAgent>();
-  std::shared_ptr<FakeCore> core_ = std::make_shared<FakeCore>();
+  std::shared_ptr<testing::FakeMulticastCore> core_ = std::make_shared<testing::FakeMulticastCore>();
 };
 
 TEST_F(MulticastEngineTest, StartUpDecidesEnablementThenInitialisesTheCoreWithTheSettings) {
   auto engine = Running();
-  EXPECT_EQ(core_->parameters.groupAddress, "224.0.255.135");
-  EXPECT_EQ(core_->parameters.port, 52030u);
-  EXPECT_EQ(core_->parameters.localAddress, "192.168.1.20");
-  EXPECT_EQ(core_->parameters.waitSeconds, 240u);
-  EXPECT_EQ(core_->limits, std::make_pair(5000u, 5000u));
+  const MulticastCoreParameters parameters = core_->Parameters();
+  EXPECT_EQ(parameters.groupAddress, "224.0.255.135");
+  EXPECT_EQ(parameters.port, 52030u);
+  EXPECT_EQ(parameters.localAddress, "192.168.1.20");
+  EXPECT_EQ(parameters.waitSeconds, 240u);
+  EXPECT_EQ(parameters.listenerRanges, (std::vector<AddressRange>{{"10.0.0.1", ""}}));
+  EXPECT_EQ(core_->Limits(), std::make_pair(5000u, 5000u));
   EXPECT_EQ(core_->opened, 1);
   EXPECT_TRUE(engine->CanDownloadPackage());
 
@@ -121,7 +77,7 @@ TEST_F(MulticastEngineTest, StartUpDecidesEnablementThenInitialisesTheCoreWithTh
 
 struct EnablementCase {
   const char* name;
-  bool enabled, registered, registrationFails, coreInitialises;
+  bool enabled, registered, registrationFails, coreInitialises, blockedAtStart;
   int stateAfterStart;
   const char* line;  // logged by CanDownloadPackage or the registration check
 };
@@ -136,6 +92,8 @@ TEST_P(EnablementTest, DecidesTheStateAndWhyNothingIsAttempted) {
   client_->registered = c.registered;
   client_->failQueries = c.registrationFails;
   core_->initialiseWorks = c.coreInitialises;
+  core_->sessionsEndAtOnce = true;
+  client_->blocked = c.blockedAtStart;  // no blockout event reaches this engine
   auto engine = Make(core_);
   engine->Manage(E::kReevaluate);
   EXPECT_EQ(engine->Manage(E::kStart), c.stateAfterStart);
@@ -146,14 +104,16 @@ TEST_P(EnablementTest, DecidesTheStateAndWhyNothingIsAttempted) {
 INSTANTIATE_TEST_SUITE_P(
     Cases, EnablementTest,
     ::testing::Values(
-        EnablementCase{"Disabled", false, true, false, true, E::kDisabled,
+        EnablementCase{"Disabled", false, true, false, true, false, E::kDisabled,
                        "Multicast is disabled. Multicast download not attempted."},
-        EnablementCase{"NotRegistered", true, false, false, true, E::kDisabled,
+        EnablementCase{"NotRegistered", true, false, false, true, false, E::kDisabled,
                        "Multicast is disabled. Multicast download not attempted."},
-        EnablementCase{"RegistrationCheckFails", true, true, true, true, E::kDisabled,
+        EnablementCase{"RegistrationCheckFails", true, true, true, true, false, E::kDisabled,
                        "Exception checking client status. Multicast is disabled."},
-        EnablementCase{"CoreCannotStart", true, true, false, false, E::kNotInitialised,
-                       "Engine is not multicast owner. Multicast download not attempted."}),
+        EnablementCase{"CoreCannotStart", true, true, false, false, false, E::kNotInitialised,
+                       "Engine is not multicast owner. Multicast download not attempted."},
+        EnablementCase{"BlockoutInForceAtStart", true, true, false, true, true, E::kInterfaceClosed,
+                       "Manage(): Communication blockout is now in effect. Multicast engine can not be started"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(MulticastEngineTest, InvalidSettingsOrASmallPackageAreNotAttempted) {
@@ -197,7 +157,76 @@ TEST_F(MulticastEngineTest, SettingsChangeDuringADownloadIsAppliedWhenItEnds) {
   EXPECT_EQ(engine->state(), E::kIdle);
   EXPECT_EQ(core_->closed, 1);
   EXPECT_EQ(core_->opened, 2);
+  EXPECT_EQ(core_->Parameters().port, 52031u);
 }
+
+struct SettingsChangeCase {
+  const char* name;
+  std::function<void(testing::MemorySettingsStore&)> change;
+  std::function<bool(const MulticastCoreParameters&, std::pair<uint32_t, uint32_t>)> reachedCore;
+  bool reconfigures;  // the speed limits alone need no new parameters
+};
+
+void PrintTo(const SettingsChangeCase& c, std::ostream* os) { *os << c.name; }
+
+class SettingsChangeTest : public MulticastEngineTest, public ::testing::WithParamInterface<SettingsChangeCase> {};
+
+TEST_P(SettingsChangeTest, ReachesTheCoreWhenTheInterfaceReopens) {
+  const SettingsChangeCase& c = GetParam();
+  auto engine = Running();
+  c.change(store_);
+  EXPECT_EQ(engine->Manage(E::kSettingsMayHaveChanged), E::kIdle);
+  EXPECT_EQ(core_->closed, 1);
+  EXPECT_EQ(core_->opened, 2);
+  EXPECT_EQ(core_->reconfigured, c.reconfigures ? 1 : 0);
+  EXPECT_TRUE(c.reachedCore(core_->Parameters(), core_->Limits()));
+  EXPECT_EQ(core_->initialised, 1);
+
+  // A core that refuses new settings keeps its interface closed.
+  const uint32_t portBefore = core_->Parameters().port;
+  core_->reconfigureWorks = false;
+  Store("Port", 40000);
+  EXPECT_EQ(engine->Manage(E::kSettingsMayHaveChanged), E::kInterfaceClosed);
+  EXPECT_EQ(core_->Parameters().port, portBefore);
+  EXPECT_EQ(core_->opened, 2);
+}
+
+void StoreText(testing::MemorySettingsStore& store, std::string_view name, std::string_view value) {
+  store.Set(kMulticastSettingsKey, name, SettingValue::Text(std::string(value)));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Settings, SettingsChangeTest,
+    ::testing::Values(
+        SettingsChangeCase{
+            "Port", [](auto& s) { s.Set(kMulticastSettingsKey, "Port", SettingValue::Number(52031)); },
+            [](const auto& p, auto) { return p.port == 52031u; }, true},
+        SettingsChangeCase{"Group", [](auto& s) { StoreText(s, "IP Address", "239.1.2.3"); },
+                           [](const auto& p, auto) { return p.groupAddress == "239.1.2.3"; }, true},
+        SettingsChangeCase{
+            "Bandwidth",
+            [](auto& s) { s.Set(kMulticastSettingsKey, "Max Bandwidth (bytes per sec)", SettingValue::Number(9000)); },
+            [](auto, auto limits) { return limits.first == 9000u; }, false},
+        SettingsChangeCase{"ListenerRange",
+                           [](auto& s) {
+                             StoreText(s, "Listen Range IP 2 Start", "10.0.1.1");
+                             StoreText(s, "Listen Range IP 2 End", "10.0.1.9");
+                           },
+                           [](const auto& p, auto) {
+                             return p.listenerRanges ==
+                                    std::vector<AddressRange>{{"10.0.0.1", ""}, {"10.0.1.1", "10.0.1.9"}};
+                           },
+                           true},
+        SettingsChangeCase{"ExclusionRange",
+                           [](auto& s) {
+                             StoreText(s, "Exclusion Range IP 1 Start", "10.0.0.5");
+                             StoreText(s, "Exclusion Range IP 1 End", "");
+                           },
+                           [](const auto& p, auto) {
+                             return p.exclusionRanges == std::vector<AddressRange>{{"10.0.0.5", ""}};
+                           },
+                           true}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(MulticastEngineTest, MasterSessionsAreLimitedPerClient) {
   auto engine = Make(core_);

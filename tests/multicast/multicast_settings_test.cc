@@ -84,13 +84,56 @@ TEST_F(MulticastSettingsTest, RangesAreReadUpToTheFirstGapAndReplacedWhole) {
   settings_.SetExclusionRangeDocument(
       "<exclusionRange><address><start>10.1.1.1</start><end/></address></exclusionRange>");
   EXPECT_EQ(settings_.ExclusionRanges(), (std::vector<AddressRange>{{"10.1.1.1", ""}}));
+  EXPECT_EQ(settings_.ExclusionRanges().size(), 1u);
+}
+
+std::string RangeDocument(const std::string& root, size_t ranges, const std::string& start) {
+  std::string text = "<" + root + ">";
+  for (size_t i = 0; i < ranges; ++i) text += "<address><start>" + start + "</start><end/></address>";
+  return text + "</" + root + ">";
+}
+
+// A document that does not load says why and where; a list past the limits
+// (number of ranges, length of an address) is refused whole and changes
+// nothing, and so is a group address past the length limit.
+TEST_F(MulticastSettingsTest, RangeDocumentsAndAddressesHaveLimits) {
+  settings_.SetListenerRanges({{"10.0.0.1", "10.0.0.9"}});
+  const std::string longAddress(kMaxAddressTextBytes + 1, '1');
+  const struct {
+    const char* name;
+    std::string document;
+    std::string failure;  // the start of the description; empty: taken
+  } cases[] = {
+      {"broken", "<listenRange>\n<address>", "Multicast Listener Range XML failed to load: "},
+      {"most ranges", RangeDocument("listenRange", kMaxAddressRanges, "10.0.0.2"), ""},
+      {"too many ranges", RangeDocument("listenRange", kMaxAddressRanges + 1, "10.0.0.3"),
+       "Multicast Listener Range: 257 ranges are more than the 256 allowed"},
+      {"longest address", RangeDocument("listenRange", 1, std::string(kMaxAddressTextBytes, '2')), ""},
+      {"address too long", RangeDocument("listenRange", 1, longAddress),
+       "Multicast Listener Range: an address of 65 bytes is longer than the 64 allowed"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::vector<AddressRange> before = settings_.ListenerRanges();
+    try {
+      settings_.SetListenerRangeDocument(c.document);
+      EXPECT_TRUE(c.failure.empty());
+      EXPECT_NE(settings_.ListenerRanges(), before);
+    } catch (const Error& e) {
+      EXPECT_EQ(e.code(), result::kInvalidArg);
+      EXPECT_EQ(e.description().substr(0, c.failure.size()), c.failure) << e.description();
+      EXPECT_FALSE(c.failure.empty());
+      EXPECT_EQ(settings_.ListenerRanges(), before);
+    }
+  }
   try {
     settings_.SetExclusionRangeDocument("<exclusionRange>");
     ADD_FAILURE() << "a broken document was taken";
   } catch (const Error& e) {
-    EXPECT_EQ(e.description(), "Multicast Exclusion Range XML failed to load");
+    EXPECT_NE(e.description().find("(line 1)"), std::string::npos) << e.description();
   }
-  EXPECT_EQ(settings_.ExclusionRanges().size(), 1u);
+  EXPECT_THROW(settings_.SetIPAddress(longAddress), Error);
+  EXPECT_EQ(settings_.IPAddress(), "224.0.255.135");
 }
 
 }  // namespace

@@ -64,26 +64,22 @@ TEST_F(CheckStatusTest, IntactFolderIsUpToDateByEveryCheck) {
   }
 }
 
-TEST_F(CheckStatusTest, ChangedBytesAreFoundByHashingOnly) {
+TEST_F(CheckStatusTest, ChangedBytesAreFoundByHashingOnlyAndMissingFilesByEveryCheck) {
   CorruptKeepingSizeAndTime();
   EXPECT_EQ(Check(/*full=*/false, /*skipHash=*/true), PKGDLV_VALID) << "size and time are trusted";
   EXPECT_EQ(Check(/*full=*/true, /*skipHash=*/false), PKGDLV_INVALID);
   EXPECT_EQ(record_->statusDescription, "Some files need to be updated");
   EXPECT_EQ(Check(/*full=*/false, /*skipHash=*/false), PKGDLV_INVALID);
-}
-
-TEST_F(CheckStatusTest, FullCheckIsSkippedWhenTheServerAllowsIt) {
-  CorruptKeepingSizeAndTime();
+  // When the server allows it the full check is skipped: the quick check trusts size and time.
   record_->SetOptionalHashCheck(true);
-  // The quick check still runs; with hashing skipped it trusts size and time.
   EXPECT_EQ(Check(/*full=*/true, /*skipHash=*/true), PKGDLV_VALID);
-}
 
-TEST_F(CheckStatusTest, MissingFileNeedsAnUpdate) {
+  record_->SetOptionalHashCheck(false);
   std::filesystem::remove(dir_ / "pkg" / "sub" / "b.txt");
-  EXPECT_EQ(Check(false, true), PKGDLV_INVALID);
-  EXPECT_EQ(record_->statusDescription, "Some files need to be updated");
-  EXPECT_EQ(Check(true, false), PKGDLV_INVALID);
+  for (bool full : {false, true}) {
+    EXPECT_EQ(Check(full, !full), PKGDLV_INVALID) << full;
+    EXPECT_EQ(record_->statusDescription, "Some files need to be updated");
+  }
 }
 
 TEST_F(CheckStatusTest, UntrustedSnapshotAndDisabledDownloads) {

@@ -79,25 +79,18 @@ TEST_F(PackageLogTest, NextRetryIsWrittenOnlyForARetryAndUnsetTimesAsTimeOfDay) 
   EXPECT_NE(history_.Save().find("nextRetry=\"2026-03-01 10:00:00\""), std::string::npos);
 }
 
-struct SizeCase {
-  uint32_t historySize;
-  size_t written;
-  bool warned;
-};
-
-class HistorySizeTest : public PackageLogTest, public ::testing::WithParamInterface<SizeCase> {};
-
-TEST_P(HistorySizeTest, LimitsTheRecordsWritten) {
+TEST_F(PackageLogTest, HistorySizeLimitsTheRecordsWritten) {
   SetHistorySize(0);  // keep all 60 in memory first
   history_.totals.id = "{X}";
   for (int n = 0; n < 60; ++n) history_.RecordCycle(Cycle(n));
-  SetHistorySize(GetParam().historySize);
-  EXPECT_EQ(WrittenDownloads(history_.Save()), GetParam().written);
-  EXPECT_EQ(log_->Contains("Storing log file with very large history: "), GetParam().warned);
+  const std::tuple<uint32_t, size_t, bool> cases[] = {{0, 60, true}, {51, 51, true}, {10, 10, false}};
+  for (const auto& [size, written, warned] : cases) {
+    log_->Clear();
+    SetHistorySize(size);
+    EXPECT_EQ(WrittenDownloads(history_.Save()), written) << size;
+    EXPECT_EQ(log_->Contains("Storing log file with very large history: "), warned) << size;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Sizes, HistorySizeTest,
-                         ::testing::Values(SizeCase{0, 60, true}, SizeCase{10, 10, false}, SizeCase{51, 51, true}));
 
 TEST_F(PackageLogTest, RefusedDocumentsLeaveTheHistoryAsItWas) {
   history_.totals.id = "{KEEP}";

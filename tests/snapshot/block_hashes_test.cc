@@ -32,47 +32,33 @@ TEST(BlockHashesTest, DecodesEveryFilesHashes) {
   EXPECT_TRUE(s.log->Lines().empty());
 }
 
-struct BadHashCase {
-  std::string title;
-  std::string file;  // a File element in the root of a block size 4 snapshot, 5 bytes
-  std::string badLine;
-};
-
-void PrintTo(const BadHashCase& c, std::ostream* out) { *out << c.title; }
-
-class BadBlockHashTest : public ::testing::TestWithParam<BadHashCase> {};
-
-TEST_P(BadBlockHashTest, IsRefusedAndTheFileReportedAsWithoutHashes) {
-  const BadHashCase& c = GetParam();
-  LoggedSnapshot s;
-  ASSERT_TRUE(s.snapshot.LoadXml(SnapshotDoc(StdAttributes("4"), "<Root size=\"5\">" + c.file + "</Root>")));
-  EXPECT_FALSE(s.snapshot.LoadBlockHashes());
-  EXPECT_EQ(LastSnapshotError(), 0x80070491u);
-  EXPECT_TRUE(s.snapshot.entries[0].blockHashes.empty());
-  if (!c.badLine.empty()) {
-    EXPECT_EQ(s.log->Count(c.badLine), 1u);
+TEST(BlockHashesTest, BadHashesAreRefusedAndTheFileReportedAsWithoutHashes) {
+  const std::string bad = "Invalid snapshot XML: Bad block hash detected for file '\\a'";
+  const std::pair<std::string, std::string> cases[] = {  // the blockHash attribute of a 5 byte file, the line
+      {"blockHash=\"" + HashText(33) + "\"", bad},
+      {"blockHash=\"" + HashText(32) + "\"", bad},  // one hash for two blocks of 4 bytes
+      {"blockHash=\"" + HashText(96) + "\"", bad},  // three
+      {"blockHash=\"!!!!\"", bad + ", error: invalid character"},
+      {"blockHash=\"A\"", bad + ", error: "},
+      {"blockHash=\"AB==\"", "error: non-zero padding bits"},
+      {"blockHash=\"\"", ""},  // empty is no hash
+      {"fileHash=\"x\"", ""},
+  };
+  for (const auto& [attribute, badLine] : cases) {
+    SCOPED_TRACE(attribute);
+    LoggedSnapshot s;
+    ASSERT_TRUE(s.snapshot.LoadXml(
+        SnapshotDoc(StdAttributes("4"), "<Root size=\"5\"><File name=\"a\" size=\"5\" " + attribute + "/></Root>")));
+    EXPECT_FALSE(s.snapshot.LoadBlockHashes());
+    EXPECT_EQ(LastSnapshotError(), 0x80070491u);
+    EXPECT_TRUE(s.snapshot.entries[0].blockHashes.empty());
+    if (!badLine.empty()) {
+      EXPECT_EQ(s.log->Count(badLine), 1u);
+    }
+    EXPECT_EQ(s.log->Count("Invalid snapshot XML: No block hash detected for file '\\a'"), 1u);
+    for (const auto& line : s.log->Lines()) EXPECT_EQ(line.level, loglevel::kWarning);
   }
-  EXPECT_EQ(s.log->Count("Invalid snapshot XML: No block hash detected for file '\\a'"), 1u);
-  for (const auto& line : s.log->Lines()) EXPECT_EQ(line.level, loglevel::kWarning);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Hashes, BadBlockHashTest,
-    ::testing::Values(
-        BadHashCase{"ThirtyThreeBytes", R"(<File name="a" size="5" blockHash=")" + HashText(33) + R"("/>)",
-                    "Invalid snapshot XML: Bad block hash detected for file '\\a'"},
-        BadHashCase{"OneHashForTwoBlocks", R"(<File name="a" size="5" blockHash=")" + HashText(32) + R"("/>)",
-                    "Invalid snapshot XML: Bad block hash detected for file '\\a'"},
-        BadHashCase{"ThreeHashesForTwoBlocks", R"(<File name="a" size="5" blockHash=")" + HashText(96) + R"("/>)",
-                    "Invalid snapshot XML: Bad block hash detected for file '\\a'"},
-        BadHashCase{"NotBase64", R"(<File name="a" size="5" blockHash="!!!!"/>)",
-                    "Invalid snapshot XML: Bad block hash detected for file '\\a', error: invalid character"},
-        BadHashCase{"OneCharacter", R"(<File name="a" size="5" blockHash="A"/>)",
-                    "Invalid snapshot XML: Bad block hash detected for file '\\a', error: "},
-        BadHashCase{"PaddingBits", R"(<File name="a" size="5" blockHash="AB=="/>)", "error: non-zero padding bits"},
-        BadHashCase{"EmptyIsNoHash", R"(<File name="a" size="5" blockHash=""/>)", ""},
-        BadHashCase{"NoAttribute", R"(<File name="a" size="5" fileHash="x"/>)", ""}),
-    [](const auto& info) { return info.param.title; });
 
 TEST(BlockHashesTest, EveryFileWithoutHashesIsReported) {
   const std::string doc = SnapshotDoc(StdAttributes("4"), R"(<Root size="3">
@@ -112,36 +98,6 @@ TEST(BlockHashesTest, NamesMatchByPrefixIgnoringCase) {
   EXPECT_EQ(s.snapshot.FindEntry("", "b")->blockHashes, testing::HashBytes(32, 1));
   EXPECT_EQ(s.snapshot.FindEntry("", "c")->blockHashes, testing::HashBytes(32, 2));
   EXPECT_EQ(s.snapshot.FindEntry("sub", "f")->blockHashes, testing::HashBytes(32, 3));
-}
-
-TEST(BlockHashesTest, ParserModesAndPathBuilding) {
-  Snapshot snapshot;
-  SnapshotXmlParser parser(snapshot);
-  xml::SAXAttributes none;
-  std::vector<xml::SAXAttribute> named = {{"name", "x"}};
-  std::vector<xml::SAXAttribute> empty = {{"name", ""}};
-  EXPECT_EQ(parser.mode(), SnapshotXmlParser::Mode::kOther);
-  parser.StartElement("Root", xml::SAXAttributes(named));
-  EXPECT_EQ(parser.folderPath(), "");  // no attributes are read outside File and Folder
-  parser.StartElement("Folder", xml::SAXAttributes(named));
-  EXPECT_EQ(parser.mode(), SnapshotXmlParser::Mode::kFolder);
-  parser.StartElement("Fo", xml::SAXAttributes(named));
-  parser.StartElement("Folder", xml::SAXAttributes(empty));  // an empty value is skipped
-  EXPECT_EQ(parser.folderPath(), "x\\x");
-  parser.StartElement("File", xml::SAXAttributes(named));
-  EXPECT_EQ(parser.mode(), SnapshotXmlParser::Mode::kFile);
-  EXPECT_EQ(parser.fileName(), "x");
-  parser.EndElement("File");
-  EXPECT_EQ(parser.fileName(), "");
-  parser.StartElement("File", xml::SAXAttributes(named));
-  parser.EndElement("F");  // counts as the end of a Folder: cuts the path, clears the name
-  EXPECT_EQ(parser.folderPath(), "x");
-  EXPECT_EQ(parser.fileName(), "");
-  parser.EndElement("folder");
-  parser.EndElement("FOLDER");  // at the top already: stays empty
-  EXPECT_EQ(parser.folderPath(), "");
-  parser.StartElement("Snapshot", none);
-  EXPECT_EQ(parser.mode(), SnapshotXmlParser::Mode::kOther);
 }
 
 TEST(BlockHashesTest, PrefixMatching) {

@@ -106,6 +106,35 @@ TEST(FileOperationsTest, HostileNamesNeverTouchAnythingOutside) {
   EXPECT_GE(package.log.Count("Unsafe path"), 3u);
 }
 
+TEST(FileOperationsTest, APackageFolderOrAFileThatIsALinkIsNeverFollowed) {
+  PackageFixture package;
+  const fs::path foreign = package.dir / "foreign";
+  fs::rename(package.folder, foreign);
+  fs::create_directory_symlink(foreign, package.folder);
+  for (SnapshotEntry& entry : package.snapshot.entries) entry.state = entrystate::kInvalid;
+  EXPECT_FALSE(DeleteInvalidFiles(package.snapshot, true));
+  EXPECT_FALSE(MoveFiles(package.snapshot, package.dir / "moved"));
+  EXPECT_FALSE(CopyFiles(package.snapshot, package.dir / "copy", false));
+  EXPECT_TRUE(ReadFile(foreign / "big.bin") == package.big);
+  EXPECT_TRUE(ReadFile(foreign / "sub" / "small.txt") == package.small);
+  EXPECT_FALSE(fs::exists(package.dir / "copy" / "big.bin"));
+  EXPECT_FALSE(fs::exists(package.dir / "moved" / "big.bin"));
+
+  // A listed file that is a link: what it leads to is never read for a hash.
+  PackageFixture other;
+  WriteFile(other.dir / "outside" / "secret.txt", "secret");
+  fs::remove(other.PathOf("sub/small.txt"));
+  fs::create_symlink(other.dir / "outside" / "secret.txt", other.PathOf("sub/small.txt"));
+  SnapshotEntry& small = other.Entry("sub", "small.txt");
+  small.size = -1;
+  small.lastModified = 0;
+  small.fileHash.clear();
+  small.hasBlockHash = false;
+  UpdateUnknownFiles(other.snapshot);
+  EXPECT_TRUE(small.fileHash.empty());
+  EXPECT_EQ(small.size, -1);
+}
+
 TEST(FileOperationsTest, UpdateUnknownFilesFillsSizeTimeAndHash) {
   PackageFixture package;
   SnapshotEntry& small = package.Entry("sub", "small.txt");

@@ -8,46 +8,20 @@
 namespace pkgdlv {
 namespace {
 
-TEST(SafePathTest, Names) {
-  struct Case {
-    std::string name;
-    bool safe;
+TEST(SafePathTest, NamesAndDocumentPaths) {
+  const std::pair<std::string, bool> names[] = {
+      {"file.txt", true}, {"a b", true},   {"...", true},       {"ünïcode", true},   {"x..y", true},
+      {"", false},        {".", false},    {"..", false},       {"a/b", false},      {"a\\b", false},
+      {"C:x", false},     {"x:", false},   {"/etc", false},     {"\\etc", false},  {"tab\there", false},
+      {"nl\n", false},   {"del\x7F", false}, {"..\\..\\etc", false}, {std::string("nul\0x", 5), false},
   };
-  const Case cases[] = {
-      {"file.txt", true},
-      {"a b", true},
-      {"...", true},
-      {"ünïcode", true},
-      {"x..y", true},
-      {"", false},
-      {".", false},
-      {"..", false},
-      {"a/b", false},
-      {"a\\b", false},
-      {"C:x", false},
-      {"x:", false},
-      {"/etc", false},
-      {"\\etc", false},
-      {"tab\there", false},
-      {"nl\n", false},
-      {std::string("nul\0x", 5), false},
-      {"del\x7F", false},
-      {"..\\..\\etc", false},
-  };
-  for (const Case& c : cases) EXPECT_EQ(IsSafeRelativeName(c.name), c.safe) << PrintableName(c.name);
-}
-
-TEST(SafePathTest, DocumentPaths) {
-  struct Case {
-    std::string path;
-    bool safe;
-  };
-  const Case cases[] = {
+  for (const auto& [name, safe] : names) EXPECT_EQ(IsSafeRelativeName(name), safe) << PrintableName(name);
+  const std::pair<std::string, bool> paths[] = {
       {"", true},        {"a", true},         {"a\\b\\c.txt", true}, {"\\a", false},  {"a\\", false},
       {"a\\\\b", false}, {"a\\..\\b", false}, {"..\\x", false},      {".\\x", false}, {"a/b", false},
       {"/abs", false},   {"C:\\x", false},    {"a\\b\x01", false},
   };
-  for (const Case& c : cases) EXPECT_EQ(IsSafeRelativePath(c.path), c.safe) << PrintableName(c.path);
+  for (const auto& [path, safe] : paths) EXPECT_EQ(IsSafeRelativePath(path), safe) << PrintableName(path);
 }
 
 TEST(SafePathTest, ResolveInsideJoinsWithSlashesAndRefusesEscapes) {

@@ -173,7 +173,7 @@ TEST(SignatureCheckTest, RefusalsBeforeVerification) {
   }
 }
 
-TEST(SignatureCheckTest, SavingWithoutAKeyKeepsSignatureAndSignedData) {
+TEST(SignatureCheckTest, SavingWithoutAKeyKeepsSignatureAndSignedDataAndAFailedWriteIsReported) {
   TempDir dir;
   std::shared_ptr<Crypto> crypto = NewOpenSslCrypto();
   for (const std::filesystem::path& key : {std::filesystem::path(), dir / "missing.pem"}) {
@@ -191,11 +191,8 @@ TEST(SignatureCheckTest, SavingWithoutAKeyKeepsSignatureAndSignedData) {
   for (const auto& item : std::filesystem::directory_iterator(dir.path())) names.push_back(item.path().filename());
   std::sort(names.begin(), names.end());
   EXPECT_EQ(names, (std::vector<std::string>{"snapdata.xml", "snapshot.xml"}));
-}
 
-TEST(SignatureCheckTest, AFailedWriteIsReported) {
-  TempDir dir;
-  std::shared_ptr<Crypto> crypto = NewOpenSslCrypto();
+  // A failed write is reported.
   LoggedSnapshot s;
   s.snapshot.signedData = {'x'};
   EXPECT_FALSE(s.snapshot.SaveSecurityData(dir / "no" / "such" / "snapshot.xml"));

@@ -6,9 +6,14 @@
 #include <linux/falloc.h>
 #include <unistd.h>
 
+#include <fstream>
+
 #include "agent/crypto.h"
 #include "agent/secure_store.h"
 #include "snapshot/hash_store.h"
+#include "support/temp_dir.h"
+#include "util/base64.h"
+#include "util/filetime.h"
 #include "validation_test_support.h"
 
 namespace pkgdlv {
@@ -217,6 +222,29 @@ TEST_F(ValidationTest, WithoutBlockHashesTheWholeFileHashDecides) {
   EXPECT_EQ(small.state, entrystate::kHashNotComputed);
 }
 
+// A stop seen during the walk never lets an unread file pass as complete:
+// what was not looked at is listed, and a whole-file hash cut short is not
+// a match.
+TEST_F(ValidationTest, AStopDuringTheWalkListsWhatWasNotRead) {
+  bool stop = false;
+  ValidatorOptions options;
+  options.cancelled = [&stop] { return stop; };
+  Validator stoppable(options);
+  stop = true;
+  Snapshot list;
+  stoppable.GetUpdateList(package_.snapshot, list, &good_, {});
+  EXPECT_EQ(ListedNames(list), (std::vector<std::string>{"big.bin", "empty.dat", "sub\\small.txt"}));
+  EXPECT_EQ(good_.Count(), 0u);
+
+  SnapshotEntry& big = package_.Entry("", "big.bin");
+  big.blockHashes.clear();  // judged by its whole-file hash, read in chunks
+  stoppable.ValidateFile(package_.snapshot, big, nullptr);
+  EXPECT_EQ(big.state, entrystate::kInvalid);
+  stop = false;
+  stoppable.ValidateFile(package_.snapshot, big, nullptr);
+  EXPECT_EQ(big.state, entrystate::kValid);
+}
+
 TEST_F(ValidationTest, FilesFoundValidAreNotHashedAgainUnlessForced) {
   Run();
   PatchFile(package_.PathOf("big.bin"), 5, "?");
@@ -270,6 +298,46 @@ TEST_F(ValidationTest, ASparseFileLosesItsCorruptBlockToAHole) {
   Run(ListOptions(true, false, true));
   EXPECT_FALSE(good_.Check(BigFirst() + 3));
   EXPECT_TRUE(good_.Check(BigFirst() + 5));
+}
+
+// The process's peak resident memory since the last reset, in bytes.
+uint64_t PeakResidentBytes() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::stoull(line.substr(6)) * 1024;
+  }
+  return 0;
+}
+void ResetPeakResidentBytes() { std::ofstream("/proc/self/clear_refs") << "5"; }
+
+// The block size of a document sizes no buffer beyond the file: a 10-byte
+// file under a block size of 4 GiB (claimed at its size, or at 4 GiB) is
+// checked with memory in proportion to its 10 bytes.
+TEST(ValidationLimitsTest, AHugeBlockSizeReadsNoMoreThanTheFile) {
+  testing::TempDir dir;
+  const std::string data = "0123456789";
+  WriteFile(dir / "a", data);
+  const Sha256Digest hash = BlockHash(std::span(reinterpret_cast<const uint8_t*>(data.data()), data.size()), {});
+  const std::string time = "2024-03-01 10:20:30";
+  SetFileTime(dir / "a", *ParseDocumentTime(time));
+  for (const auto& [size, listed] : std::vector<std::pair<std::string, bool>>{{"10", false}, {"4294967295", true}}) {
+    SCOPED_TRACE(size);
+    Snapshot snapshot;
+    const std::string hashText = Base64Encode(std::vector<uint8_t>(hash.begin(), hash.end()));
+    ASSERT_TRUE(snapshot.LoadXml(R"(<Snapshot blockSize="4294967295"><Root size=")" + size +
+                                 R"("><File name="a" size=")" + size + R"(" lastModifiedTime=")" + time +
+                                 R"(" blockHash=")" + hashText + R"("/></Root></Snapshot>)"));
+    snapshot.path = dir.path().string();
+    Validator validator;
+    Snapshot list;
+    DynamicBitset good;
+    ResetPeakResidentBytes();
+    const uint64_t before = PeakResidentBytes();
+    validator.GetUpdateList(snapshot, list, &good, {});
+    EXPECT_LT(PeakResidentBytes() - before, uint64_t{64} << 20);
+    EXPECT_EQ(list.entries.size(), listed ? 1u : 0u);
+    EXPECT_EQ(good.Count(), listed ? 0u : 1u);
+  }
 }
 
 TEST(HashFileIntoStoreTest, ComputesOnceThenReadsTheStoreAndComposesTheHashes) {

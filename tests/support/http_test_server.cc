@@ -52,6 +52,24 @@ std::optional<std::pair<uint64_t, uint64_t>> ParseRange(const std::string& heade
   return std::make_pair(*first, std::min(*last, size == 0 ? 0 : size - 1));
 }
 
+// The parameters of a raw query, in order (the server's own parsing keeps
+// them in a map, which hides a value cut in two).
+std::vector<std::pair<std::string, std::string>> SplitQuery(const std::string& query) {
+  std::vector<std::pair<std::string, std::string>> params;
+  size_t start = 0;
+  while (start <= query.size()) {
+    size_t end = query.find('&', start);
+    if (end == std::string::npos) end = query.size();
+    const std::string part = query.substr(start, end - start);
+    const size_t equals = part.find('=');
+    params.emplace_back(httplib::detail::decode_url(part.substr(0, equals), true),
+                        equals == std::string::npos ? std::string()
+                                                    : httplib::detail::decode_url(part.substr(equals + 1), true));
+    start = end + 1;
+  }
+  return params;
+}
+
 }  // namespace
 
 struct HttpTestServer::State {
@@ -85,10 +103,11 @@ void HttpTestServer::State::Handle(const httplib::Request& request, httplib::Res
   bool found = false;
   {
     std::lock_guard lock(mutex);
-    RecordedRequest recorded{request.method, request.path, request.body, {}, {}};
+    RecordedRequest recorded{request.method, request.path, request.body, {}, {}, {}};
     for (const auto& [name, value] : request.headers) recorded.headers.emplace_back(name, value);
     if (size_t mark = request.target.find('?'); mark != std::string::npos) {
       recorded.query = httplib::detail::decode_url(request.target.substr(mark + 1), false);
+      recorded.params = SplitQuery(request.target.substr(mark + 1));
     }
     requests.push_back(std::move(recorded));
     if (auto it = routes.find(request.path); it != routes.end()) {
@@ -106,6 +125,7 @@ void HttpTestServer::State::Handle(const httplib::Request& request, httplib::Res
   }
   if (fault.status) {
     response.status = fault.status;
+    for (const auto& [name, value] : fault.statusHeaders) response.set_header(name, value);
     response.set_content("fault", "text/plain");
     return;
   }
@@ -181,6 +201,13 @@ void HttpTestServer::State::ServeBody(const httplib::Request& request, httplib::
 std::string RecordedRequest::Header(std::string_view name) const {
   for (const auto& [header, value] : headers) {
     if (EqualsNoCase(header, name)) return value;
+  }
+  return {};
+}
+
+std::string RecordedRequest::Param(std::string_view name) const {
+  for (const auto& [key, value] : params) {
+    if (key == name) return value;
   }
   return {};
 }

@@ -21,12 +21,14 @@ struct HttpFault {
   int status = 0;                          // answer with this status and an empty body (0: serve normally)
   uint32_t delayMs = 0;                    // wait before answering
   bool ignoreRange = false;                // answer a range request with 200 and the whole body
-  std::optional<std::string> contentRange;  // answer a range request with this Content-Range (and what was asked)
+  std::optional<std::string> contentRange = {};  // answer a range request with this Content-Range (and what was asked)
   uint64_t truncateAfter = UINT64_MAX;     // close the connection after this many body bytes
   uint64_t stallAfter = UINT64_MAX;        // send this many body bytes, then send nothing more
   int64_t corruptByte = -1;                // flip the bits of this byte of the body
   uint64_t bytesPerSecond = 0;             // send no faster than this (0: as fast as possible)
   bool requireAuth = false;                // 401 with a Basic challenge unless Authorization is sent
+  // Response headers sent with a fault status (Retry-After with a 503, say).
+  std::vector<std::pair<std::string, std::string>> statusHeaders = {};
 };
 
 struct RecordedRequest {
@@ -35,7 +37,11 @@ struct RecordedRequest {
   std::string body;
   std::vector<std::pair<std::string, std::string>> headers;
   std::string query;  // what follows "?" in the request target, percent-decoded; empty when none
+  // The query's parameters as a server reads them: split at "&" and "=",
+  // then each part percent-decoded ("+" is a space), in order.
+  std::vector<std::pair<std::string, std::string>> params;
   std::string Header(std::string_view name) const;  // case-insensitive; empty when absent
+  std::string Param(std::string_view name) const;   // the first of that name; empty when absent
 };
 
 class HttpTestServer {

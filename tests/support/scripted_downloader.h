@@ -112,13 +112,17 @@ class FakeClientAgent final : public ClientAgent {
     if (failQueries) Throw(0x80004005, "The client object failed");
     return registered;
   }
-  bool IsDownloadBlocked() override { return blocked; }
+  bool IsDownloadBlocked() override {
+    ++blockedQueries;
+    return blocked;
+  }
   void ResetClientIdentity() override { ++resets; }
 
   std::atomic<bool> registered = true;
   std::atomic<bool> blocked = false;
   std::atomic<bool> failQueries = false;
   std::atomic<int> resets = 0;
+  std::atomic<int> blockedQueries = 0;
 };
 
 }  // namespace pkgdlv::testing

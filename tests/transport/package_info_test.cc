@@ -4,7 +4,11 @@
 // cancellation from another thread.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
+#include <ctime>
+#include <new>
+#include <system_error>
 #include <thread>
 
 #include "agent/crypto.h"
@@ -18,7 +22,9 @@
 #include "support/transport_services.h"
 #include "transport/package_download.h"
 #include "util/base64.h"
+#include "snapshot/snapshot.h"
 #include "util/compressed_frame.h"
+#include "util/xml.h"
 
 namespace pkgdlv {
 namespace {
@@ -82,7 +88,7 @@ TEST_F(PackageInfoTest, AnswersOverHttp) {
   const std::string binary = "Binary response validation failed: ";
   testing::HttpFault none, cut, gone;
   cut.truncateAfter = 5000;
-  gone.status = 503;
+  gone.status = 500;
   struct Case {
     std::string name, body;
     Headers headers;
@@ -123,6 +129,7 @@ TEST_F(PackageInfoTest, AnswersOverHttp) {
     server_.AddFile(path, c.body, c.headers);
     server_.SetFault(path, c.fault);
     env_.log->Clear();
+    env_.services.server_profile = NewMemoryServerProfile();
     PackageDownload::ResetProcessBackoff();
     PackageDownload download(env_.services);
     std::string answer;
@@ -221,6 +228,128 @@ TEST_P(BusyServerTest, BacksOffWithoutContactingTheServer) {
 
 INSTANTIATE_TEST_SUITE_P(Maxima, BusyServerTest,
                          ::testing::Values(BackoffCase{120, {3, 6, 12}}, BackoffCase{5, {3, 5, 5}}));
+
+// "Sun, 06 Nov 1994 08:49:37 GMT" for a file time.
+std::string HttpDate(FileTime time) {
+  const time_t seconds = static_cast<time_t>(UnixSecondsFromFileTime(time));
+  std::tm parts{};
+  gmtime_r(&seconds, &parts);
+  char text[64];
+  std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", &parts);
+  return text;
+}
+
+// A busy server or proxy may say so with its status alone.
+TEST_F(PackageInfoTest, BusyStatusesBackOffUntilRetryAfter) {
+  const FileTime now = env_.clock->Now();
+  struct Case {
+    std::string name;
+    int status;
+    std::optional<std::string> retryAfter;
+    uint64_t waitSeconds;
+  } cases[] = {
+      {"service unavailable", 503, std::nullopt, 3 * 60},
+      {"too many requests", 429, "600", 10 * 60},
+      {"later than the maximum", 503, "999999", 120 * 60},
+      {"sooner than the interval", 503, "30", 3 * 60},
+      {"an HTTP date", 429, HttpDate(now + 20 * kFileTimeTicksPerMinute), 20 * 60},
+      {"unreadable", 503, "soon", 3 * 60},
+  };
+  int index = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = "/busy" + std::to_string(index++) + ".aspx";
+    server_.AddFile(path, kSources, {{"Content-Type", "text/xml"}});
+    testing::HttpFault busy;
+    busy.status = c.status;
+    if (c.retryAfter) busy.statusHeaders = {{"Retry-After", *c.retryAfter}};
+    server_.SetFault(path, busy);
+    PackageDownload::ResetProcessBackoff();
+    env_.services.server_profile = NewMemoryServerProfile();
+    PackageDownload download(env_.services);
+    std::string answer;
+    EXPECT_FALSE(download.GetPackageInfo(Query(path), answer));
+    EXPECT_EQ(download.LastResult(), result::kServerBusy) << download.LastDescription();
+    EXPECT_EQ(download.LastDescription(), "WARNING: The server is currently busy");
+    EXPECT_EQ(download.NextAllowedTime(), now + c.waitSeconds * kFileTimeTicksPerSecond);
+    EXPECT_EQ(env_.services.server_profile->ErrorCount(server_.Url(path)), 1u);
+    // No request goes out before that time, and one does at it.
+    env_.clock->Advance(c.waitSeconds * 1000 - 1);
+    EXPECT_FALSE(download.GetPackageInfo(Query(path), answer));
+    EXPECT_EQ(server_.RequestCount(path), 1u);
+    server_.SetFault(path, {});
+    env_.clock->Advance(1);
+    EXPECT_TRUE(download.GetPackageInfo(Query(path), answer)) << download.LastDescription();
+    env_.clock->SetNow(now);
+  }
+}
+
+// The document reaches the server as one value, whatever its text holds.
+TEST_F(PackageInfoTest, RequestDocumentArrivesWhole) {
+  const std::string resource = "a+b%41c&d#e \"q\" 'q' <x> é";
+  server_.AddFile("/GetPackageInfo.aspx", kSources, {{"Content-Type", "text/xml"}});
+  PackageInfoQuery query = Query("/GetPackageInfo.aspx");
+  query.resource = resource;
+  PackageDownload download(env_.services);
+  std::string answer;
+  ASSERT_TRUE(download.GetPackageInfo(query, answer)) << download.LastDescription();
+  const testing::RecordedRequest request = server_.Requests().back();
+  ASSERT_EQ(request.params.size(), 1u) << request.query;
+  xml::Document document = xml::Document::Parse(request.Param("xml"));
+  EXPECT_EQ(document.Root().Attribute("resource"), resource);
+  EXPECT_EQ(document.Root().Attribute("totalFailureTime"), "30") << "the document's end arrived too";
+}
+
+// A peer's rate limit set for an earlier transfer of the same object never
+// slows the request for sources.
+TEST_F(PackageInfoTest, RunsAsANormalDownloadAfterAPeerTransfer) {
+  const std::string large = "<PackageSources><!--" + std::string(8 * 1024, 'x') + "--></PackageSources>";
+  server_.AddFile("/sources.aspx", large, {{"Content-Type", "text/xml"}});
+  PackageDownload download(env_.services);
+  SnapshotQuery peer;
+  peer.packageId = *Guid::Parse(kPackage);
+  peer.snapshotUrl = server_.Url("/missing.xml");
+  peer.peerDownload = true;
+  peer.peerRateKBps = 1;
+  Snapshot snapshot;
+  EXPECT_FALSE(download.DownloadSnapshot(peer, snapshot));
+  const auto start = std::chrono::steady_clock::now();
+  std::string answer;
+  ASSERT_TRUE(download.GetPackageInfo(Query("/sources.aspx"), answer)) << download.LastDescription();
+  EXPECT_EQ(answer, large);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
+// Memory that runs out inside an operation is reported as such.
+TEST_F(PackageInfoTest, OutOfMemoryKeepsItsCodeAndText) {
+  class StarvedDecryptor final : public ResponseDecryptor {
+   public:
+    DecryptedResponse DecryptResponse(std::span<const uint8_t>) override { throw std::bad_alloc(); }
+    std::string DecryptBase64String(std::string_view) override { throw std::bad_alloc(); }
+  };
+  auto sender = std::make_shared<testing::FakeConnectionSender>();
+  sender->SetResponse({{}, std::string("\x01\x02\x03", 3)});
+  env_.services.connection_senders = std::make_shared<testing::FakeConnectionSenderLookup>(sender);
+  env_.services.decryptor = std::make_shared<StarvedDecryptor>();
+  const std::string text = std::system_category().message(ENOMEM);
+  PackageDownload download(env_.services);
+  std::string answer;
+  EXPECT_FALSE(download.GetPackageInfo(Query("/GetPackageInfo.aspx"), answer));
+  EXPECT_EQ(download.LastResult(), 0x8007000Eu);
+  EXPECT_EQ(download.LastDescription(), text);
+  EXPECT_TRUE(env_.log->Contains("Download package sources failed: " + text + " (0x8007000E)"));
+
+  SnapshotQuery query;
+  query.packageId = *Guid::Parse(kPackage);
+  query.snapshotUrl = server_.Url("/snapshot.xml");
+  query.user = "agent";
+  query.encryptedPassword = "cGFzcw==";
+  Snapshot snapshot;
+  EXPECT_FALSE(download.DownloadSnapshot(query, snapshot));
+  EXPECT_EQ(download.LastResult(), 0x8007000Eu);
+  EXPECT_EQ(download.LastDescription(), text);
+  EXPECT_FALSE(env_.log->Contains("Unknown error"));
+}
 
 TEST_F(PackageInfoTest, CancelFromAnotherThreadEndsPromptly) {
   server_.AddFile("/slow.aspx", kSources, {{"Content-Type", "text/xml"}});
@@ -330,7 +459,10 @@ TEST_F(SenderTest, Answers) {
     EXPECT_EQ(env_.services.server_profile->ErrorCount(server_.Url("/GetPackageInfo.aspx")), c.profileErrors);
   }
   EXPECT_EQ(server_.RequestCount("/moved.aspx"), 1u);
-  EXPECT_TRUE(env_.log->Contains("HTTP request redirected to " + server_.Url("/moved.aspx") + "?xml=<request "));
+  EXPECT_TRUE(env_.log->Contains("HTTP request redirected to " + server_.Url("/moved.aspx") + "?xml=%3Crequest%20"));
+  const testing::RecordedRequest moved = server_.Requests().back();
+  EXPECT_EQ(moved.Param("redirect"), "true");
+  EXPECT_EQ(xml::Document::Parse(moved.Param("xml")).Root().Attribute("resource"), "agent-7");
 }
 
 }  // namespace

@@ -16,11 +16,11 @@ TEST(TransportRulesTest, RedirectUrls) {
     const char* expected;
   } cases[] = {
       // A path alone keeps scheme, host and port of the request and gets the document.
-      {"/qs/GetPackageInfo.aspx", "https://qs.example:8443/qs/GetPackageInfo.aspx?xml=<r/>&redirect=true"},
-      {"\\qs\\x.aspx", "https://qs.example:8443\\qs\\x.aspx?xml=<r/>&redirect=true"},
+      {"/qs/GetPackageInfo.aspx", "https://qs.example:8443/qs/GetPackageInfo.aspx?xml=%3Cr%2F%3E&redirect=true"},
+      {"\\qs\\x.aspx", "https://qs.example:8443\\qs\\x.aspx?xml=%3Cr%2F%3E&redirect=true"},
       // A query of its own is kept instead.
       {"/qs/x.aspx?ticket=7", "https://qs.example:8443/qs/x.aspx?ticket=7"},
-      {"http://other:81/a.asp", "http://other:81/a.asp?xml=<r/>&redirect=true"},
+      {"http://other:81/a.asp", "http://other:81/a.asp?xml=%3Cr%2F%3E&redirect=true"},
       {"http://other/a.asp?b=c", "http://other/a.asp?b=c"},
   };
   for (const Case& c : cases) {
@@ -30,8 +30,15 @@ TEST(TransportRulesTest, RedirectUrls) {
   }
 }
 
+TEST(TransportRulesTest, PercentEncodingLeavesOnlyUnreservedBytes) {
+  EXPECT_EQ(PercentEncode("AZaz09-._~"), "AZaz09-._~");
+  EXPECT_EQ(PercentEncode("a+b%41c&d#e"), "a%2Bb%2541c%26d%23e");
+  EXPECT_EQ(PercentEncode("<r a=\"1\" b='2'/>?"), "%3Cr%20a%3D%221%22%20b%3D%272%27%2F%3E%3F");
+  EXPECT_EQ(PercentEncode(std::string("\xC3\xA9\0\n", 4)), "%C3%A9%00%0A");
+}
+
 TEST(TransportRulesTest, SnapshotRequestUrls) {
-  const std::string id = "{8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B}";
+  const std::string id = "%7B8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B%7D";
   struct Case {
     const char* url;
     int32_t version;
@@ -42,7 +49,10 @@ TEST(TransportRulesTest, SnapshotRequestUrls) {
       {"http://s/pkg/snapshot.xml", 4, "http://s/pkg/snapshot.xml"},
       {"\\\\\\srv\\pkg\\dirlisting.tavorin.xml", 4, "\\\\\\srv\\pkg\\dirlisting.tavorin.xml"},
   };
-  for (const Case& c : cases) EXPECT_EQ(SnapshotRequestUrl(c.url, "R1", id, c.version), c.expected) << c.url;
+  for (const Case& c : cases) {
+    EXPECT_EQ(SnapshotRequestUrl(c.url, "R1", "{8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B}", c.version), c.expected)
+        << c.url;
+  }
 }
 
 TEST(TransportRulesTest, DynamicPagesAndUncPaths) {

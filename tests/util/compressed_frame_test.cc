@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <fstream>
 #include <random>
 #include <string>
 #include <thread>
@@ -121,6 +123,35 @@ void ExpectOneLine(RecordingLogger& log, uint32_t level, const std::string& comp
   EXPECT_EQ(lines[0].message, message);
 }
 
+// Unpacks through the streaming reader, handing it `piece` bytes at a time.
+std::pair<Bytes, FrameSummary> UnpackStream(const Bytes& frame, size_t piece) {
+  size_t at = 0;
+  Bytes out;
+  FrameSummary summary = UnpackFrameStream(
+      [&](std::span<uint8_t> buffer) {
+        const size_t n = std::min({piece, buffer.size(), frame.size() - at});
+        std::copy_n(frame.begin() + static_cast<std::ptrdiff_t>(at), n, buffer.begin());
+        at += n;
+        return n;
+      },
+      [&](std::span<const uint8_t> data) {
+        EXPECT_LE(data.size(), 0x10000u);
+        out.insert(out.end(), data.begin(), data.end());
+      });
+  return {out, summary};
+}
+
+// The process's peak resident memory in bytes since the last reset.
+uint64_t PeakResidentBytes() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::stoull(line.substr(6)) * 1024;
+  }
+  ADD_FAILURE() << "no VmHWM in /proc/self/status";
+  return 0;
+}
+void ResetPeakResidentBytes() { std::ofstream("/proc/self/clear_refs") << "5"; }
+
 // ---- Round trips, across the 64 KiB slice boundary.
 
 struct RoundTripCase {
@@ -158,7 +189,7 @@ TEST_P(FrameRoundTripTest, PacksIntoTheLayoutAndUnpacksBack) {
   EXPECT_EQ(ReadU64(buffer, 8), crc_sum);
 
   log.Clear();
-  ASSERT_TRUE(Decompress(buffer, 0, log));
+  ASSERT_TRUE(Decompress(buffer, kNoFrameOutputLimit, 0, log));
   EXPECT_EQ(buffer, data);
   ExpectOneLine(log, loglevel::kTrace, "Decompress",
                 "Decompressed data: " + std::to_string(frame_size) + " -> " + std::to_string(c.size));
@@ -177,7 +208,7 @@ TEST(CompressedFrameTest, EmptyInputIsABareHeaderAndUnpacksToNothing) {
   Bytes buffer;
   ASSERT_TRUE(Compress(buffer, 1, 0, log));
   EXPECT_EQ(buffer, Header(0, 0));
-  ASSERT_TRUE(Decompress(buffer, 0, log));
+  ASSERT_TRUE(Decompress(buffer, kNoFrameOutputLimit, 0, log));
   EXPECT_TRUE(buffer.empty());
   EXPECT_TRUE(log.Contains("Decompressed data: 24 -> 0"));
 }
@@ -201,7 +232,7 @@ TEST(CompressedFrameTest, UnpacksFramesOfOtherWriters) {
   for (size_t slice : {size_t{1}, size_t{1000}, size_t{1} << 20}) {
     const Bytes data = MakeData(Kind::kText, slice == 1 ? 5000 : size_t{1} << 20, 5);
     Bytes buffer = ReferenceFrame(data, 6, slice);
-    ASSERT_TRUE(Decompress(buffer, 0, log)) << "slice " << slice;
+    ASSERT_TRUE(Decompress(buffer, kNoFrameOutputLimit, 0, log)) << "slice " << slice;
     EXPECT_EQ(buffer, data) << "slice " << slice;
   }
 }
@@ -255,13 +286,21 @@ TEST(CompressedFrameTest, DecompressFailures) {
     SCOPED_TRACE(c.name);
     RecordingLogger log;
     Bytes buffer = c.frame;
-    EXPECT_FALSE(Decompress(buffer, 0, log));
+    EXPECT_FALSE(Decompress(buffer, kNoFrameOutputLimit, 0, log));
     EXPECT_EQ(buffer, c.frame);
     EXPECT_EQ(LastFrameError(), c.code);
     EXPECT_EQ(LastFrameFailure().description, c.description);
     ExpectOneLine(
         log, loglevel::kError, "Decompress",
         "Error while decompressing data: " + c.description + " (" + std::to_string(static_cast<int32_t>(c.code)) + ")");
+    // The streaming reader fails alike.
+    try {
+      UnpackStream(c.frame, 1000);
+      ADD_FAILURE() << "the stream was unpacked";
+    } catch (const Error& e) {
+      EXPECT_EQ(e.code(), c.code);
+      EXPECT_EQ(e.description(), c.description);
+    }
   }
 }
 
@@ -293,7 +332,7 @@ TEST(CompressedFrameTest, TruncatedFramesAndClaimsPastTheEnd) {
     SCOPED_TRACE(c.size());
     RecordingLogger log;
     Bytes buffer = c;
-    EXPECT_FALSE(Decompress(buffer, 0, log));
+    EXPECT_FALSE(Decompress(buffer, kNoFrameOutputLimit, 0, log));
     EXPECT_EQ(buffer, c);
     if (c.size() < 24) {
       EXPECT_EQ(LastFrameError(), result::kInvalidData);
@@ -319,7 +358,7 @@ TEST(CompressedFrameTest, RandomFramesNeverCrash) {
       for (size_t n = rng() % 200; n > 0; --n) frame.push_back(static_cast<uint8_t>(rng()));
     }
     Bytes buffer = frame;
-    if (Decompress(buffer, 0, log)) {
+    if (Decompress(buffer, kNoFrameOutputLimit, 0, log)) {
       EXPECT_EQ(LastFrameError(), result::kOk);
     } else {
       EXPECT_EQ(buffer, frame);
@@ -344,8 +383,8 @@ TEST(CompressedFrameTest, LogFlagsAreAddedToTheLevel) {
   RecordingLogger log;
   Bytes buffer = data, not_a_frame = data;
   ASSERT_TRUE(Compress(buffer, 1, loglevel::kErrorAsInfo, log));
-  ASSERT_TRUE(Decompress(buffer, loglevel::kErrorAsInfo, log));
-  EXPECT_FALSE(Decompress(not_a_frame, loglevel::kErrorAsInfo, log));
+  ASSERT_TRUE(Decompress(buffer, kNoFrameOutputLimit, loglevel::kErrorAsInfo, log));
+  EXPECT_FALSE(Decompress(not_a_frame, kNoFrameOutputLimit, loglevel::kErrorAsInfo, log));
   const std::vector<testing::LogLine> lines = log.Lines();
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(lines[0].level, loglevel::kTrace | loglevel::kErrorAsInfo);
@@ -354,14 +393,92 @@ TEST(CompressedFrameTest, LogFlagsAreAddedToTheLevel) {
 
   log.Clear();
   ASSERT_TRUE(Compress(buffer, 1, loglevel::kSilent, log));
-  EXPECT_FALSE(Decompress(not_a_frame, loglevel::kSilent, log));
+  EXPECT_FALSE(Decompress(not_a_frame, kNoFrameOutputLimit, loglevel::kSilent, log));
   EXPECT_TRUE(log.Lines().empty());
+}
+
+// The streaming reader gives the same bytes and header fields however the
+// input is cut into pieces.
+TEST(CompressedFrameTest, StreamingUnpackMatchesDecompress) {
+  const Bytes data = MakeData(Kind::kText, 300'000, 8);
+  Bytes frame = data;
+  RecordingLogger log;
+  ASSERT_TRUE(Compress(frame, 1, 0, log));
+  for (size_t piece : {size_t{1}, size_t{4093}, size_t{1} << 20}) {
+    SCOPED_TRACE(piece);
+    auto [out, summary] = UnpackStream(frame, piece);
+    EXPECT_EQ(out, data);
+    EXPECT_EQ(summary.frame_size, frame.size());
+    EXPECT_EQ(summary.chunks, 5u);
+    EXPECT_EQ(summary.crc_sum, ReadU64(frame, 8));
+    EXPECT_EQ(summary.unpacked_size, data.size());
+  }
+  try {
+    UnpackStream(Bytes(frame.begin(), frame.end() - 1), 4093);
+    ADD_FAILURE() << "a truncated frame was unpacked";
+  } catch (const Error& e) {
+    EXPECT_EQ(e.code(), result::kEndOfData);
+  }
+}
+
+// A cap on the output holds exactly at its value, and a small frame that
+// expands far past it is refused without the process ever holding the
+// expansion.
+TEST(CompressedFrameTest, OutputPastTheCapIsRefusedWithoutBeingHeld) {
+  const Bytes data = MakeData(Kind::kText, 200'000, 9);
+  const Bytes frame = ReferenceFrame(data, 1, 0x10000);
+  const std::vector<std::pair<uint64_t, bool>> caps = {{200'000, true}, {199'999, false}, {0, false}};
+  for (const auto& [cap, fits] : caps) {
+    SCOPED_TRACE(cap);
+    RecordingLogger log;
+    Bytes buffer = frame;
+    EXPECT_EQ(Decompress(buffer, cap, 0, log), fits);
+    EXPECT_EQ(buffer, fits ? data : frame);
+    EXPECT_EQ(LastFrameError(), fits ? result::kOk : result::kResponseTooLarge);
+    if (!fits) {
+      EXPECT_EQ(LastFrameFailure().description,
+                "Decompressed data exceeds the limit of " + std::to_string(cap) + " bytes");
+    }
+  }
+
+  // 4096 chunks of 64 KiB of zeros: a frame of about 400 KB holding 256 MiB.
+  const Bytes zeros(0x10000, 0);
+  const Bytes stream = CompressStream(zeros.data(), zeros.size(), 9);
+  const uint32_t count = 4096;
+  Bytes bomb = Header(uint64_t{count} * Crc(zeros.data(), zeros.size()), count);
+  for (uint32_t i = 0; i < count; ++i) {
+    PutU32(bomb, static_cast<uint32_t>(stream.size()));
+    bomb.insert(bomb.end(), stream.begin(), stream.end());
+  }
+  constexpr uint64_t kCap = 16 << 20;
+  ResetPeakResidentBytes();
+  const uint64_t before = PeakResidentBytes();
+  RecordingLogger log;
+  Bytes buffer = bomb;
+  EXPECT_FALSE(Decompress(buffer, kCap, 0, log));
+  EXPECT_EQ(LastFrameError(), result::kResponseTooLarge);
+  uint64_t streamed = 0;
+  try {
+    UnpackFrameStream(
+        [&, at = size_t{0}](std::span<uint8_t> out) mutable {
+          const size_t n = std::min(out.size(), bomb.size() - at);
+          std::copy_n(bomb.begin() + static_cast<std::ptrdiff_t>(at), n, out.begin());
+          at += n;
+          return n;
+        },
+        [&](std::span<const uint8_t> piece) { streamed += piece.size(); }, kCap);
+    ADD_FAILURE() << "the stream passed the cap";
+  } catch (const Error& e) {
+    EXPECT_EQ(e.code(), result::kResponseTooLarge);
+  }
+  EXPECT_EQ(streamed, kCap);
+  EXPECT_LT(PeakResidentBytes() - before, 3 * kCap) << "the expansion was held in memory";
 }
 
 TEST(CompressedFrameTest, LastErrorBelongsToTheCallingThread) {
   RecordingLogger log;
   Bytes not_a_frame = {1, 2, 3};
-  EXPECT_FALSE(Decompress(not_a_frame, 0, log));
+  EXPECT_FALSE(Decompress(not_a_frame, kNoFrameOutputLimit, 0, log));
   std::thread([&] {
     EXPECT_EQ(LastFrameError(), result::kOk);
     Bytes data = MakeData(Kind::kText, 10);

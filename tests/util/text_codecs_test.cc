@@ -12,7 +12,7 @@ namespace {
 
 std::vector<uint8_t> Bytes(std::string_view s) { return {s.begin(), s.end()}; }
 
-TEST(Base64Test, KnownVectors) {
+TEST(Base64Test, KnownVectorsRoundTripsAndMalformedText) {
   const std::pair<const char*, const char*> vectors[] = {
       {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
       {"foobar", "Zm9vYmFy"}};
@@ -22,9 +22,6 @@ TEST(Base64Test, KnownVectors) {
     ASSERT_TRUE(decoded.has_value()) << encoded;
     EXPECT_EQ(*decoded, Bytes(plain));
   }
-}
-
-TEST(Base64Test, RandomRoundTrip) {
   std::mt19937 rng(7);
   for (size_t size = 0; size < 300; ++size) {
     std::vector<uint8_t> data(size);
@@ -33,9 +30,6 @@ TEST(Base64Test, RandomRoundTrip) {
     ASSERT_TRUE(decoded.has_value());
     EXPECT_EQ(*decoded, data);
   }
-}
-
-TEST(Base64Test, RejectsMalformedText) {
   for (const char* bad : {"Zg", "Zg=", "Z===", "Zm9v\n", " Zm9v", "Zm9v====", "Zm=v", "Zh==", "Zm9=", "Zm9v!A==",
                           "=Zm9", "Zm8=Zm8="}) {
     EXPECT_FALSE(Base64Decode(bad).has_value()) << bad;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "util/error.h"
+#include "util/xml_sax.h"
 #include "util/xml_test_support.h"
 
 namespace pkgdlv::xml {
@@ -140,6 +141,57 @@ TEST(XmlDocumentTest, HostileInputFailsCleanlyAndLoadsNothing) {
   }
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");  // messages go into descriptions only
   EXPECT_FALSE(watch.Contacted());
+}
+
+// The tree and the streaming reader share their limits: an attribute may be
+// as long as a document may be (a block hash list of a large file passes
+// libxml2's own 10 MB), while depth and document size stay bounded with a
+// reason that says which limit was hit.
+TEST(XmlDocumentTest, BothReadersShareTheSizeAndDepthLimits) {
+  class ValueLength final : public SAXContentHandler {
+   public:
+    SAXAction StartElement(std::string_view, const SAXAttributes& attributes) override {
+      if (auto value = attributes.Find("h")) length = value->size();
+      return SAXAction::kContinue;
+    }
+    size_t length = 0;
+  };
+  const std::string longValue(11'200'000, 'A');
+  const std::string deep = testing::Repeat("<a>", kMaxDepth + 1) + testing::Repeat("</a>", kMaxDepth + 1);
+  const std::string deepest = testing::Repeat("<a>", kMaxDepth) + testing::Repeat("</a>", kMaxDepth);
+  const std::string huge = "<a>" + std::string(kMaxDocumentBytes, ' ') + "</a>";
+  const struct {
+    const char* name;
+    std::string text;
+    std::string failure;  // empty: loads
+  } cases[] = {
+      {"long attribute", "<r h=\"" + longValue + "\"/>", ""},
+      {"deepest nesting", deepest, ""},
+      {"too deep", deep, "Excessive depth in document: 256"},
+      {"too large", huge,
+       "XML document is too large: " + std::to_string(huge.size()) + " bytes, the limit is 67108864"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string error;
+    std::optional<Document> doc = Document::TryParse(c.text, &error);
+    EXPECT_EQ(doc.has_value(), c.failure.empty()) << error;
+    EXPECT_EQ(error.substr(0, c.failure.size()), c.failure);
+    if (doc && c.text.starts_with("<r")) {
+      EXPECT_EQ(doc->Root().Attribute("h")->size(), longValue.size());
+    }
+
+    ValueLength handler;
+    SAXParser parser;
+    const std::optional<Error> e = ErrorOf([&] { parser.ParseMemory(c.text, handler); });
+    EXPECT_EQ(e.has_value(), !c.failure.empty());
+    if (e) {
+      EXPECT_EQ(e->description().substr(0, c.failure.size()), c.failure);
+    }
+    if (c.text.starts_with("<r")) {
+      EXPECT_EQ(handler.length, longValue.size());
+    }
+  }
 }
 
 TEST(XmlDocumentTest, MovedDocumentKeepsItsNodes) {
