@@ -8,8 +8,9 @@
 // connection cache.
 //
 // Redirects are followed for HTTP only, and only to http or https; a local
-// file is opened with the file protocol alone and a share with smb alone, so
-// no answer can lead a request to another scheme.
+// file is opened with the file protocol alone, so no answer can lead a
+// request to another scheme. Shares go through libsmbclient (SmbShare): curl's
+// SMB reads every range from byte 0 and speaks only SMB1.
 #include <curl/curl.h>
 
 #include <algorithm>
@@ -20,6 +21,7 @@
 
 #include "agent/directory_listing.h"
 #include "agent/network_transport.h"
+#include "agent/smb_share.h"
 #include "agent/transport_errors.h"
 #include "transport/location.h"
 #include "util/error.h"
@@ -137,6 +139,11 @@ class CurlTransport final : public NetworkTransport {
 
   std::vector<DirectoryEntry> ListDirectory(std::string_view location, bool recursive) override {
     TransportLocation converted = ConvertLocation(location);
+    if (converted.kind == TransportLocation::Kind::kSmb) {
+      SmbShare& share = Share();
+      share.SetCredentials(user_, password_);
+      return share.List(converted.url, recursive);
+    }
     if (converted.kind != TransportLocation::Kind::kLocalFile) {
       Throw(result::kNotImplemented, "The location '%ls' cannot be listed", RedactUrl(converted.url));
     }
@@ -193,9 +200,14 @@ class CurlTransport final : public NetworkTransport {
     bool checkedFirstBytes = false;
     std::exception_ptr writerError;
     std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    // The low-speed rule's current window: when it began and the body bytes
+    // received by then.
+    std::chrono::steady_clock::time_point windowStart = start;
+    uint64_t windowStartBytes = 0;
   };
 
   void WipeCredentials() {
+    if (share_) share_->SetCredentials({}, {});
     WipeString(user_);
     WipeString(password_);
     user_.clear();
@@ -215,6 +227,7 @@ class CurlTransport final : public NetworkTransport {
     ClearResponse();
     if (aborted_) Throw(result::kCancelled, "The download of '%ls' was cancelled", RedactUrl(converted.url));
     state_ = TransportState::kRunning;
+    if (converted.kind == TransportLocation::Kind::kSmb) return PerformOnShare(converted.url, options, range, writer);
 
     Transfer transfer{this, &options, range, &writer, {}, 0, 0, false, nullptr, std::chrono::steady_clock::now()};
     if (converted.kind == TransportLocation::Kind::kLocalFile) transfer.outcome.localPath = converted.localPath;
@@ -251,6 +264,33 @@ class CurlTransport final : public NetworkTransport {
     ThrowIfFailed(transfer.outcome, converted.url);
   }
 
+  SmbShare& Share() {
+    if (!share_) share_ = std::make_unique<SmbShare>([this] { return aborted_.load(); }, SmbShare::PortFromEnvironment());
+    return *share_;
+  }
+
+  void PerformOnShare(const std::string& url, const RequestOptions& options, const RangeCheck* range,
+                      const BodyWriter& writer) {
+    effective_url_ = url;
+    try {
+      SmbShare& share = Share();
+      share.SetCredentials(user_, password_);
+      share.SetTimeout(std::max(options_.connectTimeoutMs, options_.lowSpeedWindowMs));
+      auto sink = [&](std::span<const uint8_t> bytes) {
+        writer(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+      };
+      if (range) {
+        share.ReadRange(url, range->first, range->length, sink);
+      } else {
+        share.ReadFile(url, options.maxBodyBytes, sink);
+      }
+    } catch (...) {
+      state_ = TransportState::kFailed;
+      throw;
+    }
+    state_ = TransportState::kCompleted;
+  }
+
   Slist Configure(const TransportLocation& location, const RequestOptions& options, const RangeCheck* range,
                   Transfer& transfer, char* error_buffer) {
     curl_easy_reset(easy_);
@@ -276,10 +316,8 @@ class CurlTransport final : public NetworkTransport {
     curl_easy_setopt(easy_, CURLOPT_PROXY, "");  // no proxy, whatever the environment says
     curl_easy_setopt(easy_, CURLOPT_USERAGENT, user_agent_.c_str());
     curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(options_.connectTimeoutMs));
-    if (options_.lowSpeedSeconds > 0) {
-      curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(options_.lowSpeedBytesPerSecond));
-      curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_TIME, static_cast<long>(options_.lowSpeedSeconds));
-    }
+    // The low-speed rule is kept by OnProgress: curl's own limit knows
+    // neither the size expected nor a window shorter than a second.
     // Large reads for whole files (fewer wake-ups per megabyte); small ones
     // under a receive limit, so the pacing below stays smooth.
     long buffer_size = kReadBufferBytes;
@@ -313,7 +351,7 @@ class CurlTransport final : public NetworkTransport {
     for (const auto& [name, value] : options.headers) {
       std::string line = name + ": " + value;
       curl_slist* appended = curl_slist_append(headers.get(), line.c_str());
-      if (!appended) Throw(result::kFail, "Out of memory");
+      if (!appended) ThrowOutOfMemory();
       headers.release();
       headers.reset(appended);
     }
@@ -341,7 +379,12 @@ class CurlTransport final : public NetworkTransport {
     while (running) {
       if (curl_multi_perform(multi_, &running) != CURLM_OK) break;
       if (!running || aborted_) break;
-      curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
+      // Wake often enough for the low-speed rule to judge a short window on time.
+      int wait_ms = 1000;
+      if (options_.lowSpeedWindowMs > 0) {
+        wait_ms = static_cast<int>(std::clamp<uint32_t>(options_.lowSpeedWindowMs / 3, 10, 1000));
+      }
+      curl_multi_poll(multi_, nullptr, 0, wait_ms, nullptr);
     }
     transfer.outcome.curlCode = aborted_ ? CURLE_ABORTED_BY_CALLBACK : CURLE_RECV_ERROR;
     int queued = 0;
@@ -442,14 +485,42 @@ class CurlTransport final : public NetworkTransport {
     return true;
   }
 
-  static int OnProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  static int OnProgress(void* user, curl_off_t download_total, curl_off_t, curl_off_t, curl_off_t) {
     auto& transfer = *static_cast<Transfer*>(user);
-    return transfer.self->aborted_ ? 1 : 0;
+    if (transfer.self->aborted_) return 1;
+    return transfer.self->KeepsLowSpeedRule(transfer, download_total) ? 0 : 1;
+  }
+
+  // Called at every progress tick (at least once a second, as the transfer
+  // loop polls); see ConnectionOptions for the rule. False, with the outcome
+  // marked, when the window that just ended brought too little.
+  bool KeepsLowSpeedRule(Transfer& transfer, curl_off_t download_total) {
+    const uint32_t window_ms = options_.lowSpeedWindowMs;
+    if (window_ms == 0) return true;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - transfer.windowStart < std::chrono::milliseconds(window_ms)) return true;
+    uint64_t rate = options_.lowSpeedBytesPerSecond;
+    if (options_.maxReceiveBytesPerSecond > 0) rate = std::min(rate, options_.maxReceiveBytesPerSecond / 2);
+    uint64_t needed = rate * window_ms / 1000;
+    // The expected size: the range asked for, else the announced length.
+    uint64_t expected = transfer.range ? transfer.range->length : 0;
+    if (!transfer.range && download_total > 0) expected = static_cast<uint64_t>(download_total);
+    if (expected > 0) needed = std::min(needed, expected - std::min(expected, transfer.windowStartBytes));
+    const uint64_t received = transfer.bodyBytes - transfer.windowStartBytes;
+    if (received < needed) {
+      transfer.outcome.tooSlow = true;
+      transfer.outcome.detail = Format("%I64u bytes in %u ms, at least %I64u needed", received, window_ms, needed);
+      return false;
+    }
+    transfer.windowStart = now;
+    transfer.windowStartBytes = transfer.bodyBytes;
+    return true;
   }
 
   const std::string user_agent_;
   CURL* easy_ = nullptr;
   CURLM* multi_ = nullptr;
+  std::unique_ptr<SmbShare> share_;  // made at the first share location
   ConnectionOptions options_;
   std::string user_;
   std::string password_;

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs every Debian package the project needs to build, test and benchmark.
+# Installs every Debian package the project needs to build, test, fuzz,
+# measure coverage and benchmark.
 # Idempotent: packages already present are left as they are. Run as root.
 set -euo pipefail
 
@@ -10,6 +11,9 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libcpp-httplib-dev nginx-light
+  libsmbclient-dev samba
+  clang libfuzzer-14-dev gcovr
+  aria2
 )
 
 missing=()

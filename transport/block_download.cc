@@ -14,6 +14,7 @@
 #include "records/package_request.h"
 #include "snapshot/snapshot.h"
 #include "transport/block_download_internal.h"
+#include "transport/block_writer.h"
 #include "transport/download_events.h"
 #include "transport/location.h"
 #include "transport/package_download.h"
@@ -152,6 +153,7 @@ Result BlockDownload::DownloadBlocks(const AttemptInput& input) {
   Logger& log = download_.log();
   Failure failure{result::kOk, {}};
   try {
+    writer_ = std::make_unique<BlockWriter>(log);
     ReadPeerConfiguration(input, false);
     download_.SetConnectionOptions(input.peer, peerRateKBps_, kBlockDownloadLoggingFlags);
     if (!HasKnownProtocol(input.sourceUrl)) {
@@ -175,6 +177,7 @@ Result BlockDownload::DownloadBlocks(const AttemptInput& input) {
   } catch (...) {
     failure = CurrentFailure();
   }
+  writer_.reset();  // idle: each file collects its last block
   // The map is the resume state: it is kept whatever the outcome.
   StoreMap(*input.localMap);
   if (failure.code != result::kOk) download_.SetLastResult(failure.code, failure.description);

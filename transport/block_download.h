@@ -15,7 +15,9 @@
 // untouched by other threads while DownloadAttempt runs; the snapshot's
 // entries get their block hashes loaded and released again.
 //
-// Threads: DownloadAttempt runs on the engine's thread. Another thread
+// Threads: DownloadAttempt runs on the engine's thread; while it runs, a
+// writer thread of its own verifies and writes each received block as the
+// next one is requested (transport/block_writer.h). Another thread
 // cancels through PackageDownload::Cancel(): a running request ends, a wait
 // ends, and the attempt ends with 1223. Events and the store callback are
 // called on the engine's thread without a lock held. The reservation's
@@ -36,15 +38,16 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "snapshot/dynamic_bitset.h"
-#include "snapshot/validation.h"
 #include "util/guid.h"
 
 namespace pkgdlv {
 
+class BlockWriter;
 class DownloadEvents;
 class PackageDownload;
 class PackageRequest;
@@ -137,11 +140,17 @@ class BlockDownload {
   void DownloadEntry(const AttemptInput& input, const SnapshotEntry& entry);
   void CreateFolder(const AttemptInput& input, const SnapshotEntry& entry);
   void DownloadFile(const AttemptInput& input, FileRun& run);
+  // The walk with the writer around it: whatever way the walk ends, the
+  // block in the writer's hands is collected.
   void RunBlockLoop(const AttemptInput& input, FileRun& run);
+  void WalkBlocks(const AttemptInput& input, FileRun& run);
   // waitMs: the peer wait interval W when a "not ready" answer may be
   // waited for, 0 when it may not.
-  uint64_t RequestBlock(FileRun& run, uint64_t offset, uint32_t length, uint32_t waitMs);
-  void WriteBlock(FileRun& run, uint64_t offset, uint32_t length);
+  uint64_t RequestBlock(const AttemptInput& input, FileRun& run, uint64_t offset, std::span<uint8_t> buffer,
+                        uint32_t waitMs);
+  // Takes the block the writer finished, if any, and marks it: local map,
+  // statistics, the map's store and progress when due.
+  void CollectBlock(const AttemptInput& input, FileRun& run);
   void FinishFile(FileRun& run);
   void RaiseProgress(const FileRun& run);
 
@@ -149,7 +158,6 @@ class BlockDownload {
   std::shared_ptr<SiteLimits> siteLimits_;
   DownloadEvents* events_;
   StoreBlockMap storeBlockMap_;
-  Validator validator_;
   AttemptStatistics stats_;
   Guid statsPackage_;  // the package the totals belong to
   // The attempt's package and name, copied once so that events and log
@@ -164,7 +172,9 @@ class BlockDownload {
   uint64_t lastConfigTick_ = 0;
   uint64_t lastProgressTick_ = 0;
   uint64_t lastStoreTick_ = 0;
-  std::vector<uint8_t> buffer_;  // one block, reused
+  // Verifies and writes the blocks of the attempt's files; one per
+  // DownloadBlocks.
+  std::unique_ptr<BlockWriter> writer_;
 };
 
 }  // namespace pkgdlv

@@ -1,6 +1,8 @@
-// What the block download's two sources share (block_download.cc, the
-// attempt; block_file.cc, one file): block arithmetic over the local map and
-// the one way a step fails, logged where it happens and thrown as Error.
+// What the block download's sources share (block_download.cc, the
+// attempt; block_file.cc, one file; block_writer.cc; file_range_download.cc):
+// block arithmetic over the local map and
+// the one way a step fails, logged where it happens and thrown as Error; and
+// where a file is found at the source.
 // Not a public interface. Pure helpers; any thread.
 #pragma once
 
@@ -14,8 +16,10 @@
 #include "records/package_request.h"
 #include "snapshot/dynamic_bitset.h"
 #include "snapshot/snapshot_entry.h"
+#include "transport/location.h"
 #include "util/errno_result.h"
 #include "util/error.h"
+#include "util/strings.h"
 
 namespace pkgdlv::blockdownload {
 
@@ -40,6 +44,28 @@ inline uint64_t PresentBytes(const SnapshotEntry& file, uint32_t blockSize, cons
     if (bit < map.size() && map.Check(static_cast<uint32_t>(bit))) present += BlockLength(size, blockSize, i);
   }
   return present;
+}
+
+// The entry's location at the source: URL components joined with "/" and
+// percent-encoded, share and folder paths joined with "\".
+inline std::string SourceOf(std::string_view sourceUrl, const SnapshotEntry& entry) {
+  const bool http = StartsWithNoCase(sourceUrl, "http://") || StartsWithNoCase(sourceUrl, "https://");
+  std::string location(sourceUrl);
+  const std::string relative = entry.RelativePath();
+  if (!http) {
+    if (!location.ends_with('\\')) location += '\\';
+    return location + relative;
+  }
+  if (!location.ends_with('/')) location += '/';
+  size_t start = 0;
+  while (true) {
+    const size_t end = relative.find('\\', start);
+    location += PercentEncodeComponent(std::string_view(relative).substr(start, end - start));
+    if (end == std::string::npos) break;
+    location += '/';
+    start = end + 1;
+  }
+  return location;
 }
 
 // Logs the message with its code at level and throws it as the step's Error.

@@ -15,6 +15,7 @@
 #include "snapshot/snapshot.h"
 #include "transport/block_download.h"
 #include "transport/block_download_internal.h"
+#include "transport/block_writer.h"
 #include "transport/download_events.h"
 #include "transport/location.h"
 #include "transport/package_download.h"
@@ -29,6 +30,7 @@ using blockdownload::Fail;
 using blockdownload::FailErrno;
 using blockdownload::kLog;
 using blockdownload::PresentBytes;
+using blockdownload::SourceOf;
 
 namespace {
 
@@ -71,28 +73,6 @@ fs::path SafeTarget(const Snapshot& snapshot, const SnapshotEntry& entry) {
     }
   }
   return path;
-}
-
-// The entry's location at the source: URL components joined with "/" and
-// percent-encoded, share and folder paths joined with "\".
-std::string SourceOf(std::string_view sourceUrl, const SnapshotEntry& entry) {
-  const bool http = StartsWithNoCase(sourceUrl, "http://") || StartsWithNoCase(sourceUrl, "https://");
-  std::string location(sourceUrl);
-  const std::string relative = entry.RelativePath();
-  if (!http) {
-    if (!location.ends_with('\\')) location += '\\';
-    return location + relative;
-  }
-  if (!location.ends_with('/')) location += '/';
-  size_t start = 0;
-  while (true) {
-    const size_t end = relative.find('\\', start);
-    location += PercentEncodeComponent(std::string_view(relative).substr(start, end - start));
-    if (end == std::string::npos) break;
-    location += '/';
-    start = end + 1;
-  }
-  return location;
 }
 
 bool HoldsFiles(const Snapshot& snapshot, const std::string& folder) {
@@ -202,10 +182,24 @@ void BlockDownload::DownloadFile(const AttemptInput& input, FileRun& run) {
 }
 
 void BlockDownload::RunBlockLoop(const AttemptInput& input, FileRun& run) {
+  writer_->Begin({run.file.get(), input.snapshot, &run.entry(), run.pathText});
+  try {
+    WalkBlocks(input, run);
+  } catch (...) {
+    // The block in the writer's hands was received before this failure: it
+    // is still written and marked, and its own failure, the earlier one in
+    // the file, takes precedence.
+    CollectBlock(input, run);
+    throw;
+  }
+  CollectBlock(input, run);
+}
+
+void BlockDownload::WalkBlocks(const AttemptInput& input, FileRun& run) {
   Logger& log = download_.log();
   const Snapshot& snapshot = *input.snapshot;
   const SnapshotEntry& entry = run.entry();
-  DynamicBitset& local = *input.localMap;
+  const DynamicBitset& local = *input.localMap;
   const uint32_t blockSize = snapshot.blockSize;
   uint64_t offset = 0;
   for (uint32_t index = 0; offset < run.size; ++index) {
@@ -237,42 +231,40 @@ void BlockDownload::RunBlockLoop(const AttemptInput& input, FileRun& run) {
 
     log.Log(loglevel::kDebug, kLog, "Requesting block %I64u-%I64u, block %u (%u/%u) of file '%ls'", offset,
             offset + length - 1, index, bit + 1, snapshot.totalBlocks, run.pathText);
-    const uint64_t received = RequestBlock(run, offset, length, waitMs);
+    const std::span<uint8_t> buffer = writer_->Buffer(length);
+    const uint64_t received = RequestBlock(input, run, offset, buffer, waitMs);
     if (received < length) {
       Fail(log, loglevel::kError, blockresult::kShortBlock, "Failed to write to file '%ls', not enough data",
            run.pathText);
     }
-    if (!entry.blockHashes.empty()) {
-      const Result code =
-          validator_.ValidateBlock(snapshot, entry, index, std::span(buffer_.data(), length), run.pathText, 0, true);
-      if (code == validation::kBadBlock) {
-        throw Error(code, Format("Block %u (%u/%u) is invalid for file '%ls'", index, bit + 1, snapshot.totalBlocks,
-                                 run.pathText));
-      }
-      if (code != 0) throw Error(code, Format("Failed to calculate block hash for file '%ls'", run.pathText));
-    }
-    WriteBlock(run, offset, length);
-    local.Set(bit, true);
-    stats_.downloaded += length;
-    transferred_ += length;
-    run.done += length;
     run.downloadedBlock = true;
-    if (input.storeProgressSeconds != 0 && Tick() - lastStoreTick_ > uint64_t{input.storeProgressSeconds} * 1000) {
-      StoreMap(local);
-    }
-    if (Tick() - lastProgressTick_ > kProgressEventIntervalMs) RaiseProgress(run);
+    CollectBlock(input, run);  // the block before, checked and written meanwhile
+    writer_->Submit({index, offset, length});
     offset += length;
   }
 }
 
-uint64_t BlockDownload::RequestBlock(FileRun& run, uint64_t offset, uint32_t length, uint32_t waitMs) {
+void BlockDownload::CollectBlock(const AttemptInput& input, FileRun& run) {
+  const std::optional<BlockWriter::Block> block = writer_->Collect();
+  if (!block) return;
+  input.localMap->Set(run.entry().firstBlock + block->index, true);
+  stats_.downloaded += block->length;
+  transferred_ += block->length;
+  run.done += block->length;
+  if (input.storeProgressSeconds != 0 && Tick() - lastStoreTick_ > uint64_t{input.storeProgressSeconds} * 1000) {
+    StoreMap(*input.localMap);
+  }
+  if (Tick() - lastProgressTick_ > kProgressEventIntervalMs) RaiseProgress(run);
+}
+
+uint64_t BlockDownload::RequestBlock(const AttemptInput& input, FileRun& run, uint64_t offset,
+                                     std::span<uint8_t> buffer, uint32_t waitMs) {
   Logger& log = download_.log();
   NetworkTransport& transport = download_.transport();
-  if (buffer_.size() < length) buffer_.resize(length);
   std::optional<uint64_t> firstNotReady;
   while (true) {
     try {
-      RangeResult range = transport.DownloadRange(run.source, offset, std::span(buffer_.data(), length));
+      RangeResult range = transport.DownloadRange(run.source, offset, buffer);
       // A source that moved (a redirect) is asked directly for the rest of
       // this file; the next file starts again from the source given.
       if (!range.effectiveUrl.empty() && range.effectiveUrl != run.wireUrl &&
@@ -289,6 +281,8 @@ uint64_t BlockDownload::RequestBlock(FileRun& run, uint64_t offset, uint32_t len
         log.Log(loglevel::kError, kLog, "%ls (0x%08X)", e.description(), e.code());
         throw;
       }
+      // What arrived so far is marked before a wait that may take minutes.
+      CollectBlock(input, run);
       const uint64_t now = Tick();
       if (!firstNotReady) firstNotReady = now;
       // An exhausted wait ends the file as a cancellation, not as a server
@@ -303,22 +297,6 @@ uint64_t BlockDownload::RequestBlock(FileRun& run, uint64_t offset, uint32_t len
         ThrowCancelled(loglevel::kWarning);
       }
     }
-  }
-}
-
-void BlockDownload::WriteBlock(FileRun& run, uint64_t offset, uint32_t length) {
-  Logger& log = download_.log();
-  if (::lseek(run.file.get(), static_cast<off_t>(offset), SEEK_SET) < 0) {
-    FailErrno(log, errno, "Failed to write to file '%ls', failed to change the position", run.pathText);
-  }
-  size_t written = 0;
-  while (written < length) {
-    const ssize_t n = ::write(run.file.get(), buffer_.data() + written, length - written);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) FailErrno(log, errno, "Failed to write to file '%ls'", run.pathText);
-    if (n == 0)
-      Fail(log, loglevel::kError, result::kDiskFull, "Failed to write to file '%ls', not all written", run.pathText);
-    written += static_cast<size_t>(n);
   }
 }
 

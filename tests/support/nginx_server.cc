@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -44,7 +45,11 @@ std::string Configuration(const std::filesystem::path& dir, const std::filesyste
   if (::geteuid() == 0) conf += "user root;\n";
   conf += "worker_processes 1;\npid " + d + "/nginx.pid;\nerror_log " + d + "/error.log warn;\n";
   conf += "events { worker_connections 128; }\n";
-  conf += "http {\n  access_log off;\n  default_type application/octet-stream;\n  sendfile on;\n";
+  conf += "http {\n  default_type application/octet-stream;\n  sendfile on;\n";
+  // One line a request, written as it ends (also when the client goes away
+  // mid-answer), so a test can count what the server really sent.
+  conf += "  log_format sent '$uri $status $body_bytes_sent';\n";
+  conf += "  access_log " + d + "/access.log sent;\n";
   conf += "  keepalive_requests 100000;\n";
   for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
     conf += std::string("  ") + temp + "_temp_path " + d + "/" + temp + ";\n";
@@ -107,6 +112,20 @@ NginxServer::~NginxServer() {
   ::kill(pid_, SIGTERM);  // fast shutdown; the master stops its workers
   int status = 0;
   ::waitpid(pid_, &status, 0);
+}
+
+std::vector<NginxServer::AccessRecord> NginxServer::AccessLog() const {
+  std::vector<AccessRecord> records;
+  std::ifstream log(dir_ / "access.log");
+  AccessRecord record;
+  while (log >> record.path >> record.status >> record.bodyBytesSent) records.push_back(record);
+  return records;
+}
+
+uint64_t NginxServer::BodyBytesSent() const {
+  uint64_t total = 0;
+  for (const AccessRecord& record : AccessLog()) total += record.bodyBytesSent;
+  return total;
 }
 
 std::string NginxServer::Url(std::string_view path) const {

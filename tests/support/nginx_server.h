@@ -6,10 +6,12 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "support/temp_dir.h"
 
@@ -32,6 +34,17 @@ class NginxServer {
   NginxServer& operator=(const NginxServer&) = delete;
 
   int port() const { return port_; }
+
+  // The requests answered so far, in the order they ended: path (decoded,
+  // no query), status and the body bytes the server sent. A request whose
+  // client went away is logged once nginx notices, with what it sent.
+  struct AccessRecord {
+    std::string path;
+    int status = 0;
+    uint64_t bodyBytesSent = 0;
+  };
+  std::vector<AccessRecord> AccessLog() const;
+  uint64_t BodyBytesSent() const;
   std::string Url(std::string_view path) const;
 
  private:

@@ -4,7 +4,11 @@
 // local map already has, faults that end a file, a moved source, a cancel
 // from another thread, hostile names and the site reservation.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+
+#include <csignal>
 
 #include <chrono>
 #include <map>
@@ -15,6 +19,7 @@
 #include "support/nginx_server.h"
 #include "support/transport_services.h"
 #include "transport/site_limits.h"
+#include "util/errno_result.h"
 
 namespace pkgdlv {
 namespace {
@@ -150,7 +155,14 @@ TEST_F(BlockDownloadTest, AsksOnlyForTheBlocksTheLocalMapLacks) {
     SCOPED_TRACE(c.name);
     fs::remove_all(package_.target);
     if (c.name != "empty folder") {
-      for (const auto& [path, content] : package_.files()) WriteFile(package_.target / UrlPath(path), content);
+      // Complete copies with the snapshot's times: nothing to fetch for them.
+      for (const auto& [path, content] : package_.files()) {
+        const fs::path file = package_.target / UrlPath(path);
+        WriteFile(file, content);
+        const timespec time = TimespecFromFileTime(package_.Entry(path).lastModified);
+        const timespec times[2] = {time, time};
+        ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+      }
     }
     c.prepare();
     HttpTestServer server;
@@ -167,17 +179,30 @@ TEST_F(BlockDownloadTest, AsksOnlyForTheBlocksTheLocalMapLacks) {
 }
 
 TEST_F(BlockDownloadTest, AFaultEndsTheFileWithItsCodeAndTheMapKeepsWhatArrived) {
+  // A block is written only once verified, and marked only once written:
+  // what c.bin holds on disk is exactly its marked blocks, even when the
+  // next block had already arrived while the bad one was checked.
   struct Case {
     std::string name;
     HttpFault fault;
     size_t servedBytes;  // of c.bin
+    uint64_t fileSizeLimit;  // RLIMIT_FSIZE during the attempt; 0: none
     Result code;
     std::vector<uint32_t> blocksOfC;
+    uint64_t bytesOfCOnDisk;
   } cases[] = {
-      {"not found", Fault([](HttpFault& f) { f.status = 404; }), 3 * kBlock, 0x80042D21, {}},
-      {"connection reset mid-block", Fault([](HttpFault& f) { f.truncateAfter = 1000; }), 3 * kBlock, 0x800C0008, {}},
-      {"block 1 corrupt", Fault([](HttpFault& f) { f.corruptByte = kBlock + 10; }), 3 * kBlock, 0x80090002, {0}},
-      {"server's file shorter: short last block", {}, 3 * kBlock - 1000, 1629, {0, 1}},
+      {"not found", Fault([](HttpFault& f) { f.status = 404; }), 3 * kBlock, 0, 0x80042D21, {}, 0},
+      {"connection reset mid-block", Fault([](HttpFault& f) { f.truncateAfter = 1000; }), 3 * kBlock, 0, 0x800C0008,
+       {}, 0},
+      {"block 1 corrupt", Fault([](HttpFault& f) { f.corruptByte = kBlock + 10; }), 3 * kBlock, 0, 0x80090002, {0},
+       kBlock},
+      {"block 0 corrupt", Fault([](HttpFault& f) { f.corruptByte = 10; }), 3 * kBlock, 0, 0x80090002, {}, 0},
+      {"server's file shorter: short last block", {}, 3 * kBlock - 1000, 0, 1629, {0, 1}, 2 * kBlock},
+      // Block 0 is with the writer when block 1's request fails: it is
+      // still written and marked.
+      {"error status mid-file (416)", {}, kBlock, 0, 0x80042D21, {0}, kBlock},
+      // a.bin (10240 bytes) just fits; the write of c.bin's block 2 is cut short.
+      {"write of block 2 fails", {}, 3 * kBlock, 10240, ResultFromErrno(EFBIG), {0, 1}, 10240},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -188,8 +213,26 @@ TEST_F(BlockDownloadTest, AFaultEndsTheFileWithItsCodeAndTheMapKeepsWhatArrived)
     server.AddFile("/pkg/c.bin", package_.Content("c.bin").substr(0, c.servedBytes));
     server.SetFault("/pkg/c.bin", c.fault);
     AttemptRunner runner(env_.services, package_);
-    EXPECT_EQ(runner.Run(server.Url("/pkg")), c.code);
+    Result code = 0;
+    if (c.fileSizeLimit == 0) {
+      code = runner.Run(server.Url("/pkg"));
+    } else {
+      // Without its signal, a write past the limit fails with EFBIG.
+      const auto previousHandler = ::signal(SIGXFSZ, SIG_IGN);
+      rlimit previous{};
+      ::getrlimit(RLIMIT_FSIZE, &previous);
+      rlimit limited = previous;
+      limited.rlim_cur = c.fileSizeLimit;
+      ::setrlimit(RLIMIT_FSIZE, &limited);
+      code = runner.Run(server.Url("/pkg"));
+      ::setrlimit(RLIMIT_FSIZE, &previous);
+      ::signal(SIGXFSZ, previousHandler);
+    }
+    EXPECT_EQ(code, c.code);
     EXPECT_EQ(runner.download.LastResult(), c.code);
+    std::error_code ec;
+    EXPECT_EQ(fs::file_size(package_.target / "c.bin", ec), c.bytesOfCOnDisk);
+    EXPECT_EQ(ReadFile(package_.target / "c.bin"), package_.Content("c.bin").substr(0, c.bytesOfCOnDisk));
     EXPECT_EQ(package_.BitsOf("a.bin", runner.map), (std::vector<uint32_t>{0, 1, 2}));
     EXPECT_EQ(package_.BitsOf("c.bin", runner.map), c.blocksOfC);
     ASSERT_FALSE(runner.stored.empty());
