@@ -295,13 +295,18 @@ bool PackageRequest::ReadEmbeddedSnapshot(const xml::Node& root) {
     return true;
   }
   xml::Node security = FirstChild(root, "SnapshotData");
-  // A snapshot of another package must not rename this one.
+  // A snapshot of another package must not rename this one, nor may the
+  // snapshot and its security data name two packages (the record would be
+  // written under one and never read back).
+  std::optional<Guid> expected = snapshot_.id.IsNull() ? std::nullopt : std::optional<Guid>(snapshot_.id);
   for (const xml::Node& part : {element, security}) {
     std::optional<Guid> named = part ? NamedId(part) : std::nullopt;
-    if (named && !snapshot_.id.IsNull() && *named != snapshot_.id) {
+    if (!named) continue;
+    if (expected && *named != *expected) {
       log_->Log(loglevel::kWarning, kComponent, "Invalid Package XML: Attempt to change package ID");
       return false;
     }
+    expected = named;
   }
   Guid before = snapshot_.id;
   if (!snapshot_.ParseSnapshotElement(element)) return false;

@@ -166,6 +166,13 @@ const LoadCase kHostileCases[] = {
        EXPECT_EQ(r.id(), ParseId(kPackageId));
        EXPECT_FALSE(r.hasSnapshot);
      }},
+    {"SnapshotAndSecurityDataOfTwoPackages",
+     Doc("", std::string("<Snapshot id=\"") + kPackageId +
+                 "\" version=\"1\" time=\"2026-01-01T00:00:00\"><Root size=\"0\"/></Snapshot><SnapshotData id=\"" +
+                 kOtherPackageId + "\"><Security signature=\"QUJD\"/></SnapshotData>"),
+     false, "Invalid Package XML: Attempt to change package ID",
+     [](PackageRequest& r) { EXPECT_FALSE(r.hasSnapshot); },
+     [](PackageRequest&) {}},  // a record without an identifier yet
     {"SecurityDataCannotMoveThePackage",
      Doc(IdAttr() + "fileStore=\"/srv/p1\"",
          "<Snapshot version=\"1\" time=\"2026-01-01T00:00:00\"><Root size=\"0\"/></Snapshot>"
