@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <thread>
 
@@ -236,24 +237,21 @@ TEST_F(SqliteSettingsStoreTest, OneStoreServesSeveralThreads) {
 }
 
 TEST_F(SqliteSettingsStoreTest, ChangeCounterMovesOnWritesOfAnyConnectionOnly) {
-  auto reader = Open();
-  auto writer = Open();
-  uint64_t counter = reader->ChangeCounter();
-
+  auto reader = Open(), writer = Open();
+  uint64_t last = reader->ChangeCounter();
   reader->Get("K", "n");
   reader->List("");
-  EXPECT_EQ(reader->ChangeCounter(), counter) << "reads must not move the counter";
-
-  writer->Set("K", "n", SettingValue::Number(1));
-  uint64_t after_other = reader->ChangeCounter();
-  EXPECT_NE(after_other, counter) << "another connection's write";
-
-  reader->Set("K", "n", SettingValue::Number(2));
-  uint64_t after_own = reader->ChangeCounter();
-  EXPECT_NE(after_own, after_other) << "this connection's own write";
-
-  writer->Delete("K", "n");
-  EXPECT_NE(reader->ChangeCounter(), after_own) << "another connection's delete";
+  EXPECT_EQ(reader->ChangeCounter(), last) << "reads must not move the counter";
+  const std::pair<std::function<void()>, const char*> writes[] = {
+      {[&] { writer->Set("K", "n", SettingValue::Number(1)); }, "another connection's write"},
+      {[&] { reader->Set("K", "n", SettingValue::Number(2)); }, "this connection's own write"},
+      {[&] { writer->Delete("K", "n"); }, "another connection's delete"},
+  };
+  for (const auto& [write, what] : writes) {
+    write();
+    EXPECT_NE(reader->ChangeCounter(), last) << what;
+    last = reader->ChangeCounter();
+  }
 }
 
 }  // namespace

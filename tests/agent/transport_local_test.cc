@@ -43,11 +43,14 @@ TEST_F(LocalTransportTest, ReadsFilesAndRanges) {
   }
 }
 
-TEST_F(LocalTransportTest, MissingFileAndMissingFolderAreTold) {
+TEST_F(LocalTransportTest, MissingFilesAndFoldersAndBadPathsAreTold) {
   testing::WriteFile(dir_ / "pkg" / "a.txt", "a");
   EXPECT_EQ(CodeOf([&] { transport_->DownloadText(Stored("pkg/dirlisting.tavorin.xml")); }), result::kFileNotFound);
   EXPECT_EQ(CodeOf([&] { transport_->DownloadText(Stored("gone/dirlisting.tavorin.xml")); }), result::kPathNotFound);
   EXPECT_EQ(CodeOf([&] { transport_->DownloadText(Stored("pkg\\..\\pkg\\a.txt")); }), result::kInvalidArg);
+  EXPECT_EQ(CodeOf([&] { transport_->ListDirectory(Stored("missing"), true); }), result::kPathNotFound);
+  EXPECT_EQ(CodeOf([&] { transport_->ListDirectory("http://127.0.0.1/pkg/", true); }), result::kNotImplemented);
+  EXPECT_EQ(CodeOf([&] { transport_->ListDirectory("ftp://host/pkg", true); }), result::kInvalidProtocol);
 }
 
 TEST_F(LocalTransportTest, ListsSafeNamesOnly) {
@@ -72,12 +75,6 @@ TEST_F(LocalTransportTest, ListsSafeNamesOnly) {
   EXPECT_GT(a->lastWriteTime, kUnixEpochFileTime);
 
   EXPECT_EQ(transport_->ListDirectory(StoredLocalPath(dir_.path()), false).size(), 2u);
-}
-
-TEST_F(LocalTransportTest, ListingFailuresHaveTheirCodes) {
-  EXPECT_EQ(CodeOf([&] { transport_->ListDirectory(Stored("missing"), true); }), result::kPathNotFound);
-  EXPECT_EQ(CodeOf([&] { transport_->ListDirectory("http://127.0.0.1/pkg/", true); }), result::kNotImplemented);
-  EXPECT_EQ(CodeOf([&] { transport_->ListDirectory("ftp://host/pkg", true); }), result::kInvalidProtocol);
 }
 
 TEST(ConnectionOptionsTest, NamedOptionsAsTheDownloadTransportSetsThem) {

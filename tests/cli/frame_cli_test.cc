@@ -21,11 +21,6 @@ using testing::TempDir;
 using testing::ToolResult;
 using testing::WriteFile;
 
-// Text with a stretch of random bytes (including NULs and newlines) so that
-// the tool's input and output must be binary-safe.
-}  // namespace
-
-namespace testing {
 // A frame of `count` chunks that each hold `chunk`, built by hand so that a
 // huge frame costs only one compression.
 std::string FrameOf(const std::string& chunk, uint32_t count) {
@@ -40,10 +35,9 @@ std::string FrameOf(const std::string& chunk, uint32_t count) {
   for (uint32_t i = 0; i < count; ++i) frame += body;
   return frame;
 }
-}  // namespace testing
 
-namespace {
-
+// Text with a stretch of random bytes (including NULs and newlines) so that
+// the tool's input and output must be binary-safe.
 std::string SampleData(size_t size) {
   std::mt19937 rng(21);
   std::string data;
@@ -122,7 +116,7 @@ TEST(FrameCliTest, FailuresExitOneWithTheDescription) {
 TEST(FrameCliTest, StreamsAnySizeAndReadsOnlyRegularFiles) {
   TempDir dir;
   const std::string zeros(0x10000, '\0');
-  std::string frame = testing::FrameOf(zeros, 8192);
+  std::string frame = FrameOf(zeros, 8192);
   WriteFile(dir / "bomb", frame);
   const std::string bomb = (dir / "bomb").string(), out = (dir / "out").string();
 

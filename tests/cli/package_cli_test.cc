@@ -15,17 +15,21 @@ namespace fs = std::filesystem;
 
 std::string Quote(const fs::path& path) { return "'" + path.string() + "'"; }
 
+// Describes the package in dir/pkg into dir/doc; gives the --snapshot option naming it.
+std::string CreateSnapshot(const fs::path& dir, const fs::path& home, const std::string& options = "") {
+  ToolResult created = RunTool("snapshot create " + Quote(dir / "pkg") +
+                                   " --id {8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B} --version 1" + options + " --out " +
+                                   Quote(dir / "doc"),
+                               {}, home);
+  EXPECT_EQ(created.exit_code, 0) << created.err;
+  return " --snapshot " + Quote(dir / "doc" / "snapshot.xml");
+}
+
 TEST(PackageCliTest, CopyCleanAndMoveAPackage) {
   TempDir dir;
   WriteFile(dir / "pkg" / "a.bin", std::string(9000, 'a'));
   WriteFile(dir / "pkg" / "sub" / "b.txt", "bee");
-  ASSERT_EQ(RunTool("snapshot create " + Quote(dir / "pkg") +
-                        " --id {8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B} --version 1 --block-size 4096 --out " +
-                        Quote(dir / "doc"),
-                    {}, dir / "home")
-                .exit_code,
-            0);
-  const std::string snapshot = " --snapshot " + Quote(dir / "doc" / "snapshot.xml");
+  const std::string snapshot = CreateSnapshot(dir.path(), dir / "home", " --block-size 4096");
 
   ToolResult copy = RunTool("package copy " + Quote(dir / "pkg") + snapshot + " --to " + Quote(dir / "copy"), {},
                             dir / "home");
@@ -62,12 +66,7 @@ TEST(PackageCliTest, CleanAllNeverRemovesAFolderTheAgentOrTheUserLivesIn) {
   const fs::path work = dir / "work";
   ASSERT_EQ(RunTool("config set '<Configuration workFolder=\"" + work.string() + "\"/>'", {}, home).exit_code, 0);
   WriteFile(dir / "pkg" / "a.bin", "a");
-  ASSERT_EQ(RunTool("snapshot create " + Quote(dir / "pkg") +
-                        " --id {8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B} --version 1 --out " + Quote(dir / "doc"),
-                    {}, home)
-                .exit_code,
-            0);
-  const std::string snapshot = " --snapshot " + Quote(dir / "doc" / "snapshot.xml");
+  const std::string snapshot = CreateSnapshot(dir.path(), home);
   const fs::path user = dir / "user";
   fs::create_directories(user);
   const char* savedHome = std::getenv("HOME");

@@ -58,7 +58,6 @@ struct Arrival {
   int32_t retryDelay = 0;
   int64_t sizeKey = 0;
   bool retryPending = false;
-  bool movable = true;
 };
 
 struct OrderingCase {
@@ -77,7 +76,6 @@ TEST_P(QueueOrderingTest, InsertKeepsTheOrderingRule) {
     entry.retryDelay = a.retryDelay;
     entry.sizeKey = a.sizeKey;
     entry.retryPending = a.retryPending;
-    entry.movable = a.movable;
     queue_.Insert(entry);
   }
   std::vector<int> order;
@@ -125,9 +123,6 @@ INSTANTIATE_TEST_SUITE_P(
         OrderingCase{"WaitingKeepArrivalOrder",
                      {{.id = 1, .retryPending = true}, {.id = 2, .priority = 10, .retryPending = true}},
                      {1, 2}},
-        OrderingCase{"UnmovableEntryIsPassedOver",
-                     {{.id = 1, .movable = false}, {.id = 2, .priority = 10}, {.id = 3, .priority = 5}},
-                     {1, 2, 3}},
         OrderingCase{"MixedQueue",
                      {{.id = 1, .sizeKey = 300},
                       {.id = 2, .priority = 10, .retryPending = true},
@@ -138,17 +133,7 @@ INSTANTIATE_TEST_SUITE_P(
                      {4, 3, 5, 1, 6, 2}}),
     [](const auto& info) { return info.param.name; });
 
-TEST_F(DownloadQueueTest, InsertReplacesThePackagesEntry) {
-  queue_.SetPriority(IdOf(1), 0, 10);
-  QueueEntry entry;
-  entry.id = IdOf(1);
-  entry.priority = 5;
-  queue_.Insert(entry);
-  ASSERT_EQ(queue_.Size(), 1u);
-  EXPECT_EQ(queue_.Entries()[0].priority, 5);
-}
-
-TEST_F(DownloadQueueTest, SetPriorityAddsAndReplacesAndReportsTheFront) {
+TEST_F(DownloadQueueTest, SetPriorityAndInsertAddAndReplaceAndReportTheFront) {
   EXPECT_TRUE(queue_.SetPriority(IdOf(1), 0, 100));
   EXPECT_FALSE(queue_.SetPriority(IdOf(2), 0, 100));  // equal keys: behind the first
   // Unchanged keys leave the entry where it is (a re-insertion would move it behind 2).
@@ -159,6 +144,11 @@ TEST_F(DownloadQueueTest, SetPriorityAddsAndReplacesAndReportsTheFront) {
   EXPECT_EQ(queue_.Front(), IdOf(2));
   EXPECT_TRUE(queue_.SetPriority(IdOf(1), 10, 200));
   EXPECT_EQ(queue_.Size(), 2u);
+  QueueEntry entry{.id = IdOf(1), .priority = 5};
+  queue_.Insert(entry);  // replaces the package's entry
+  ASSERT_EQ(queue_.Size(), 2u);
+  EXPECT_EQ(queue_.Front(), IdOf(1));
+  EXPECT_EQ(queue_.Entries()[0].priority, 5);
 }
 
 TEST_F(DownloadQueueTest, SetPriorityKeepsTheRetryState) {
@@ -172,24 +162,6 @@ TEST_F(DownloadQueueTest, SetPriorityKeepsTheRetryState) {
   EXPECT_EQ(queue_.GetAttemptCount(IdOf(1)), 2);
   EXPECT_EQ(queue_.GetNextAttemptTime(IdOf(1)), next);
   EXPECT_EQ(RetryDelayOf(IdOf(1)), 6 * kMinute);
-}
-
-TEST_F(DownloadQueueTest, QueriesOfAnAbsentPackage) {
-  EXPECT_EQ(queue_.Front(), Guid{});
-  EXPECT_FALSE(queue_.HasReadyFront());
-  EXPECT_FALSE(queue_.Contains(IdOf(1)));
-  EXPECT_FALSE(queue_.IsRetryPending(IdOf(1)));
-  EXPECT_EQ(queue_.GetNextAttemptTime(IdOf(1)), std::nullopt);
-  EXPECT_EQ(queue_.GetAttemptCount(IdOf(1)), 0);
-  EXPECT_FALSE(queue_.Remove(IdOf(1)));
-  EXPECT_FALSE(queue_.RetryPackage(nullptr, IdOf(1), false, false, true, 0, true, 0));
-
-  queue_.SetPriority(IdOf(1), 0, 1);
-  EXPECT_EQ(queue_.GetNextAttemptTime(IdOf(1)), std::nullopt);  // ready: no retry time
-  EXPECT_TRUE(queue_.Remove(IdOf(1)));
-  queue_.SetPriority(IdOf(2), 0, 1);
-  queue_.Clear();
-  EXPECT_EQ(queue_.Size(), 0u);
 }
 
 // ---- Back-off ----
@@ -292,9 +264,11 @@ TEST_F(DownloadQueueTest, ReleaseRetryWaitsFreesEveryWaitAndResetsTheDelay) {
   EXPECT_TRUE(queue_.ReleaseRetryWaits());
 }
 
-TEST_F(DownloadQueueTest, AttemptLimitGivesUpAtTheFifthCountedFailure) {
+// The number of counted failures, and the time since the series began.
+TEST_F(DownloadQueueTest, AttemptLimitsGiveUp) {
   SetSetting("Maximum download attempts", 5);
   const Guid id = IdOf(1);
+  EXPECT_FALSE(Fail(id));  // not queued
   queue_.SetPriority(id, 0, 1000);
   // Failures that do not count (no back-off, or not counted) leave the count alone.
   EXPECT_TRUE(queue_.RetryPackage(nullptr, id, false, false, true, 0, /*countAttempt=*/false, 0));
@@ -304,13 +278,10 @@ TEST_F(DownloadQueueTest, AttemptLimitGivesUpAtTheFifthCountedFailure) {
   EXPECT_FALSE(Fail(id));
   EXPECT_EQ(queue_.GetAttemptCount(id), 5);
   EXPECT_TRUE(queue_.Contains(id));  // the caller removes it
-}
 
-TEST_F(DownloadQueueTest, AttemptTimeLimitCountsFromTheSeriesStart) {
+  SetSetting("Maximum download attempts", 0);
   SetSetting("Maximum download attempt time (mins)", 10);
-  const Guid id = IdOf(1);
-  queue_.SetPriority(id, 0, 1000);
-  ASSERT_TRUE(Fail(id));
+  EXPECT_TRUE(Fail(id, /*progress=*/true));  // a new series
   clock_->Advance(10 * kMinute);
   EXPECT_TRUE(Fail(id));  // exactly at the limit: not later than it
   clock_->Advance(1);

@@ -48,6 +48,12 @@ ScriptedStep Failure(Result code = 0x80004005, std::string description = "Server
   step.outcome.description = std::move(description);
   return step;
 }
+// A transfer that runs until something interrupts it.
+ScriptedStep Hold() {
+  ScriptedStep step;
+  step.holdUntilInterrupted = true;
+  return step;
+}
 
 // Records every line, and first runs a hook on each line containing a text:
 // a test can hold the engine at a point it logs.
@@ -178,21 +184,17 @@ TEST_F(PackageManagerTest, EqualPrioritiesGoSmallerFirstThenFirstComeAndHigherPr
 }
 
 TEST_F(PackageManagerTest, HigherPriorityRequestPreemptsTheRunningDownloadWhichResumesAfterIt) {
-  ScriptedStep hold;
-  hold.holdUntilInterrupted = true;
-  downloader_->Script(IdOf(1), {hold});
+  downloader_->Script(IdOf(1), {Hold()});
   Queue(IdOf(1), 0, 100);
   Engine().Start();
   ASSERT_TRUE(downloader_->AwaitAttempts(1));
   EXPECT_EQ(OnDisk(IdOf(1)).first, PKGDLV_DOWNLOADING);
 
-  // Neither a lower priority nor an equal one that is larger takes the front.
+  // Neither a lower priority nor an equal one that is larger takes the front
+  // (the order of attempts below would show it).
   Queue(IdOf(3), -10, 10);
   Queue(IdOf(4), 0, 5000);
-  std::this_thread::sleep_for(50ms);
-  EXPECT_EQ(downloader_->Attempts().size(), 1u);
-
-  downloader_->Script(IdOf(2), {hold});
+  downloader_->Script(IdOf(2), {Hold()});
   Queue(IdOf(2), 10, 5000);
   ASSERT_TRUE(downloader_->AwaitAttempts(2));
   EXPECT_EQ(OnDisk(IdOf(1)),
@@ -221,9 +223,7 @@ TEST_F(PackageManagerTest, InterruptionBeforeTheTransferBeginsIsNotLost) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    ScriptedStep hold;
-    hold.holdUntilInterrupted = true;
-    downloader_->SetDefault(hold);
+    downloader_->SetDefault(Hold());
     Queue(IdOf(1));
     std::shared_ptr<PackageRequest> request = Engine().WaitForReadyPackage();
     ASSERT_TRUE(request);
@@ -270,24 +270,6 @@ TEST_F(PackageManagerTest, BackOffDoublesToTheMaximumRestartsAfterProgressAndAft
   EXPECT_EQ(engine_->LastNetworkChangeTime(), before);
 }
 
-TEST_F(PackageManagerTest, AttemptLimitGivesThePackageUpAsInvalid) {
-  SetSetting("Maximum download attempts", 5);
-  downloader_->SetDefault(Failure(0x80004005, "No server answered"));
-  Queue(IdOf(1));
-  Engine().Start();
-  for (int i = 1; i < 5; ++i) {
-    ASSERT_TRUE(downloader_->AwaitAttempts(i));
-    clock_->Advance(AwaitRetryWaitMinutes() * kMinuteMs);
-  }
-  ASSERT_TRUE(downloader_->AwaitAttempts(5));
-  // A stop before the outcome is applied would suspend the attempt instead.
-  ASSERT_TRUE(Await([&] { return !engine_->queue().Contains(IdOf(1)); }));
-  engine_->Stop();
-  EXPECT_EQ(OnDisk(IdOf(1)), StatusText(PKGDLV_INVALID, std::string("No server answered")));
-  EXPECT_FALSE(engine_->queue().Contains(IdOf(1)));
-  EXPECT_EQ(downloader_->Attempts().size(), 5u);
-}
-
 // ---- The end of one attempt, without the thread ----
 
 struct EndCase {
@@ -298,6 +280,7 @@ struct EndCase {
   int32_t status;
   const char* description;
   bool staysQueued;
+  uint32_t maxAttempts = 0;  // 0: no limit
 };
 
 void PrintTo(const EndCase& c, std::ostream* os) { *os << c.name; }
@@ -306,6 +289,7 @@ class AttemptEndTest : public PackageManagerTest, public ::testing::WithParamInt
 
 TEST_P(AttemptEndTest, OutcomeSetsStatusAndQueue) {
   const EndCase& c = GetParam();
+  SetSetting("Maximum download attempts", c.maxAttempts);
   ScriptedStep step = Failure(0x80004005, "Transfer failed");
   step.holdUntilInterrupted = !c.interruptions.empty() || c.stopEvent;
   step.outcome.noRetry = c.noRetry;
@@ -333,6 +317,7 @@ INSTANTIATE_TEST_SUITE_P(
         EndCase{"Stopped", {}, true, false, PKGDLV_PENDING, "Package download suspended", true},
         EndCase{"Retried", {}, false, false, PKGDLV_RETRYING, "Transfer failed", true},
         EndCase{"NotToBeRetried", {}, false, true, PKGDLV_INVALID, "Transfer failed", false},
+        EndCase{"AttemptsUsedUp", {}, false, false, PKGDLV_INVALID, "Transfer failed", false, 1},
         // A reason of higher consequence is never overwritten by a lesser
         // one that comes after it.
         EndCase{"CancelledThenPreempted", {2, 1}, false, false, PKGDLV_INVALID, "Package download cancelled", false},
@@ -425,8 +410,9 @@ TEST_F(PackageManagerTest, UnregisteredOrBlockedClientDownloadsNothingUntilWoken
   ASSERT_TRUE(AwaitLog("Client is not registered. Package download is suspended."));
   client_->registered = true;
   client_->blocked = true;
-  engine_->InterruptDownload(1);  // wakes the thread
-  std::this_thread::sleep_for(50ms);
+  const int queriesBefore = client_->blockedQueries;
+  engine_->InterruptDownload(1);  // wakes the thread, which finds downloads blocked
+  ASSERT_TRUE(Await([&] { return client_->blockedQueries > queriesBefore; }));
   EXPECT_TRUE(downloader_->Attempts().empty());
   client_->blocked = false;
   engine_->InterruptDownload(1);
@@ -570,7 +556,7 @@ TEST_F(PackageManagerTest, StopEndsAWaitAndARunningDownloadPromptlyAndLeavesTheD
     bool queue;
     StatusText status;  // of package 1 after the stop; -1: never queued
   } cases[] = {
-      {"during a download", {{}, true}, true, {PKGDLV_PENDING, "Package download suspended"}},
+      {"during a download", Hold(), true, {PKGDLV_PENDING, "Package download suspended"}},
       {"during a retry wait", Failure(), true, {PKGDLV_RETRYING, "Server unreachable"}},
       {"waiting for a request", {}, false, {-1, ""}},
   };
@@ -586,7 +572,6 @@ TEST_F(PackageManagerTest, StopEndsAWaitAndARunningDownloadPromptlyAndLeavesTheD
     }
     if (!c.step.holdUntilInterrupted) {
       // The thread sleeps: on the retry time, or with no time-out at all.
-      std::this_thread::sleep_for(20ms);
       ASSERT_EQ(clock_->AwaitTimedWaiters(1, 200), c.queue);
     }
     const auto started = std::chrono::steady_clock::now();

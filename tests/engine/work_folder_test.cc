@@ -68,6 +68,7 @@ class WorkFolderTest : public ::testing::Test {
   }
 
   TempDir dir_;
+  const fs::path work_ = dir_ / "work";
   std::shared_ptr<testing::RecordingLogger> log_ = std::make_shared<testing::RecordingLogger>();
   std::shared_ptr<FakeVolumes> volumes_ = std::make_shared<FakeVolumes>();
   AgentServices services_;
@@ -90,10 +91,9 @@ TEST_P(RelocationRefusalTest, IsRefusedBeforeDownloadsAreSuspended) {
   const Refusal& r = GetParam();
   volumes_->details.fixedDrive = r.fixedDrive;
   volumes_->details.sparseFiles = r.sparseFiles;
-  const fs::path work = dir_ / "work";
-  WritePackage(work, kFirst, "pending");
+  WritePackage(work_, kFirst, "pending");
   fs::create_directory_symlink("/proc", dir_ / "proc");
-  PackageManager engine(services_, work, nullptr);
+  PackageManager engine(services_, work_, nullptr);
   engine.ResumeDownloads();
 
   const fs::path target = fs::path(r.target).is_absolute() ? fs::path(r.target) : dir_ / r.target;
@@ -104,7 +104,7 @@ TEST_P(RelocationRefusalTest, IsRefusedBeforeDownloadsAreSuspended) {
   EXPECT_TRUE(log_->Contains(message));
   EXPECT_FALSE(engine.relocationRequested().IsSet());
   EXPECT_TRUE(engine.queue().Contains(kFirst));
-  EXPECT_TRUE(fs::exists(work / kFirst.ToString() / "package.xml"));
+  EXPECT_TRUE(fs::exists(work_ / kFirst.ToString() / "package.xml"));
   EXPECT_FALSE(fs::exists(ResolvedFolder(target) / kFirst.ToString()));
 }
 
@@ -127,30 +127,29 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(WorkFolderTest, NoSpaceRefusalKeepsDownloadsSuspendedAndATakenPackagePending) {
-  const fs::path work = dir_ / "work";
-  WritePackage(work, kFirst, "pending");
-  const StoreSize size = MeasureStore(work);
+  WritePackage(work_, kFirst, "pending");
+  const StoreSize size = MeasureStore(work_);
   EXPECT_EQ(size.packageData, 9u);
   EXPECT_GT(size.documents, 0u);
   volumes_->details.freeBytes = size.documents + size.workingFiles;  // same volume: data is renamed, not copied
 
-  PackageManager engine(services_, work, nullptr);
+  PackageManager engine(services_, work_, nullptr);
   engine.ResumeDownloads();
   std::shared_ptr<PackageRequest> taken = engine.WaitForReadyPackage();  // its attempt not begun
   ASSERT_TRUE(taken);
-  ASSERT_EQ(StatusOnDisk(work, kFirst), "downloading");
+  ASSERT_EQ(StatusOnDisk(work_, kFirst), "downloading");
   PackageManager::Relocation result = engine.RelocateWorkFolder(dir_ / "new");
   EXPECT_EQ(result.flags, PKGDLV_RELOCATE_ABORTED_NO_SPACE);
   EXPECT_EQ(result.requiredMiB, 0u);
   EXPECT_TRUE(engine.relocationRequested().IsSet());
   EXPECT_EQ(engine.queue().Size(), 0u);
-  EXPECT_EQ(StatusOnDisk(work, kFirst), "pending");
+  EXPECT_EQ(StatusOnDisk(work_, kFirst), "pending");
 
   // Queued again while the request stands, it is not taken.
   engine.ResumeDownloads();
   EXPECT_TRUE(engine.queue().Contains(kFirst));
   EXPECT_FALSE(engine.WaitForReadyPackage());
-  EXPECT_EQ(StatusOnDisk(work, kFirst), "pending");
+  EXPECT_EQ(StatusOnDisk(work_, kFirst), "pending");
 
   volumes_->details.freeBytes = 1ull << 40;
   EXPECT_EQ(engine.RelocateWorkFolder(dir_ / "new").flags, PKGDLV_RELOCATE_SUCCESS);
@@ -159,15 +158,14 @@ TEST_F(WorkFolderTest, NoSpaceRefusalKeepsDownloadsSuspendedAndATakenPackagePend
 }
 
 TEST_F(WorkFolderTest, RelocationMovesEveryPackageFollowsHeldRecordsAndResumesFromTheNewFolder) {
-  const fs::path work = dir_ / "work";
   const fs::path moved = dir_ / "elsewhere" / "store";
   const Guid lower = IdOf(3);
-  WritePackage(work, kFirst, "pending");
-  WritePackage(work, kSecond, "valid");
-  WritePackage(work, lower, "pending", Lower(lower.ToString()));
-  WriteFile(work / kFirst.ToString() / "cache" / "block-tmp", "scratch");
+  WritePackage(work_, kFirst, "pending");
+  WritePackage(work_, kSecond, "valid");
+  WritePackage(work_, lower, "pending", Lower(lower.ToString()));
+  WriteFile(work_ / kFirst.ToString() / "cache" / "block-tmp", "scratch");
 
-  PackageManager engine(services_, work, nullptr);
+  PackageManager engine(services_, work_, nullptr);
   engine.LockWorkFolder(false);
   engine.ResumeDownloads();
   EXPECT_TRUE(engine.queue().Contains(lower));
@@ -175,7 +173,7 @@ TEST_F(WorkFolderTest, RelocationMovesEveryPackageFollowsHeldRecordsAndResumesFr
   ASSERT_TRUE(held);
 
   EXPECT_EQ(engine.RelocateWorkFolder(moved).flags, PKGDLV_RELOCATE_SUCCESS);
-  EXPECT_FALSE(fs::exists(work));
+  EXPECT_FALSE(fs::exists(work_));
   for (const Guid& id : {kFirst, kSecond}) {
     EXPECT_EQ(ReadFile(moved / id.ToString() / "data" / "payload.bin"), "123456789");
   }
@@ -211,25 +209,24 @@ void PrintTo(const Obstacle& o, std::ostream* os) { *os << o.name; }
 class RelocationObstacleTest : public WorkFolderTest, public ::testing::WithParamInterface<Obstacle> {};
 
 TEST_P(RelocationObstacleTest, LeavesEveryPackageInPlace) {
-  const fs::path work = dir_ / "work";
   const fs::path target = dir_ / "new";
-  for (int n = 1; n <= 6; ++n) WritePackage(work, IdOf(n), "pending");
+  for (int n = 1; n <= 6; ++n) WritePackage(work_, IdOf(n), "pending");
   WriteFile(dir_ / "foreign" / "keep.txt", "mine");
-  GetParam().make(dir_.path(), work, target);
+  GetParam().make(dir_.path(), work_, target);
 
-  PackageManager engine(services_, work, nullptr);
+  PackageManager engine(services_, work_, nullptr);
   engine.LockWorkFolder(false);
   EXPECT_EQ(engine.RelocateWorkFolder(target).flags, PKGDLV_RELOCATE_ABORTED);
   EXPECT_TRUE(log_->Contains(GetParam().logged));
   EXPECT_TRUE(log_->Contains("The new work folder will not be applied: file moving operation failed."));
   for (int n = 1; n <= 6; ++n) {
-    EXPECT_EQ(ReadFile(work / IdOf(n).ToString() / "data" / "payload.bin"), "123456789") << n;
+    EXPECT_EQ(ReadFile(work_ / IdOf(n).ToString() / "data" / "payload.bin"), "123456789") << n;
     EXPECT_TRUE(engine.store().Find(IdOf(n))) << n;
   }
-  EXPECT_EQ(engine.store().workFolder(), work);
-  EXPECT_TRUE(fs::exists(work / kWorkFolderLockFileName));
+  EXPECT_EQ(engine.store().workFolder(), work_);
+  EXPECT_TRUE(fs::exists(work_ / kWorkFolderLockFileName));
   WorkFolderLock other;
-  EXPECT_THROW(other.Open(work), Error);
+  EXPECT_THROW(other.Open(work_), Error);
   EXPECT_EQ(ReadFile(dir_ / "foreign" / "keep.txt"), "mine");
 }
 
@@ -334,17 +331,14 @@ TEST_F(WorkFolderTest, LinksLeftByAPartialMoveAreFinishedInPlaceAndOnlyThose) {
 }
 
 TEST_F(WorkFolderTest, ValidatingTheCurrentFolderDoesNotWaitForARunningDownload) {
-  const fs::path work = dir_ / "work";
-  WritePackage(work, kFirst, "pending");
+  WritePackage(work_, kFirst, "pending");
   auto downloader = std::make_shared<testing::ScriptedDownloader>(services_.clock);
-  testing::ScriptedStep hold;
-  hold.holdUntilInterrupted = true;
-  downloader->SetDefault(hold);
-  PackageManager engine(services_, work, downloader);
+  downloader->SetDefault({{}, true});  // holds until interrupted
+  PackageManager engine(services_, work_, downloader);
   engine.Start();
   ASSERT_TRUE(downloader->AwaitAttempts(1));
 
-  auto validated = std::async(std::launch::async, [&] { return engine.RelocateWorkFolder(work); });
+  auto validated = std::async(std::launch::async, [&] { return engine.RelocateWorkFolder(work_); });
   const bool returned = validated.wait_for(5s) == std::future_status::ready;
   engine.Stop();
   ASSERT_TRUE(returned) << "the check waited for the download";
@@ -363,7 +357,7 @@ class SetWorkFolderTest : public WorkFolderTest, public ::testing::WithParamInte
 
 TEST_P(SetWorkFolderTest, FollowsTheRulesOfAWorkFolder) {
   WriteFile(dir_ / "file", "x");
-  PackageManager engine(services_, dir_ / "work", nullptr);
+  PackageManager engine(services_, work_, nullptr);
   std::string folder = GetParam().folder;
   if (folder.starts_with("~")) folder = dir_.path().string() + folder.substr(1);
   if (GetParam().code == 0) {
@@ -378,7 +372,7 @@ TEST_P(SetWorkFolderTest, FollowsTheRulesOfAWorkFolder) {
   } catch (const Error& e) {
     EXPECT_EQ(e.code(), GetParam().code) << e.description();
   }
-  EXPECT_EQ(engine.store().workFolder(), dir_ / "work");
+  EXPECT_EQ(engine.store().workFolder(), work_);
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, SetWorkFolderTest,
@@ -391,11 +385,10 @@ INSTANTIATE_TEST_SUITE_P(Kinds, SetWorkFolderTest,
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(WorkFolderTest, SetWorkFolderRefusesWhileAnotherFolderHasQueuedPackages) {
-  const fs::path work = dir_ / "work";
-  WritePackage(work, kFirst, "pending");
-  PackageManager engine(services_, work, nullptr);
+  WritePackage(work_, kFirst, "pending");
+  PackageManager engine(services_, work_, nullptr);
   engine.ResumeDownloads();
-  EXPECT_FALSE(engine.SetWorkFolder(work));
+  EXPECT_FALSE(engine.SetWorkFolder(work_));
   EXPECT_THROW(engine.SetWorkFolder(""), Error);
   try {
     engine.SetWorkFolder(dir_ / "other");

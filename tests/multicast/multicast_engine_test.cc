@@ -59,8 +59,6 @@ class MulticastEngineTest : public ::testing::Test {
 TEST_F(MulticastEngineTest, StartUpDecidesEnablementThenInitialisesTheCoreWithTheSettings) {
   auto engine = Running();
   const MulticastCoreParameters parameters = core_->Parameters();
-  EXPECT_EQ(parameters.groupAddress, "224.0.255.135");
-  EXPECT_EQ(parameters.port, 52030u);
   EXPECT_EQ(parameters.localAddress, "192.168.1.20");
   EXPECT_EQ(parameters.waitSeconds, 240u);
   EXPECT_EQ(parameters.listenerRanges, (std::vector<AddressRange>{{"10.0.0.1", ""}}));
@@ -198,9 +196,6 @@ void StoreText(testing::MemorySettingsStore& store, std::string_view name, std::
 INSTANTIATE_TEST_SUITE_P(
     Settings, SettingsChangeTest,
     ::testing::Values(
-        SettingsChangeCase{
-            "Port", [](auto& s) { s.Set(kMulticastSettingsKey, "Port", SettingValue::Number(52031)); },
-            [](const auto& p, auto) { return p.port == 52031u; }, true},
         SettingsChangeCase{"Group", [](auto& s) { StoreText(s, "IP Address", "239.1.2.3"); },
                            [](const auto& p, auto) { return p.groupAddress == "239.1.2.3"; }, true},
         SettingsChangeCase{

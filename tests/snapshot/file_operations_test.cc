@@ -20,6 +20,15 @@ SnapshotEntry FileEntry(std::string folder, std::string name) {
   return entry;
 }
 
+// Leaves the entry as a document that does not know the file's facts would.
+SnapshotEntry& Unknown(SnapshotEntry& entry) {
+  entry.size = -1;
+  entry.lastModified = 0;
+  entry.fileHash.clear();
+  entry.hasBlockHash = false;
+  return entry;
+}
+
 TEST(FileOperationsTest, CopyAndMoveGoOnPastAMissingSource) {
   for (bool move : {false, true}) {
     SCOPED_TRACE(move ? "move" : "copy");
@@ -115,8 +124,8 @@ TEST(FileOperationsTest, APackageFolderOrAFileThatIsALinkIsNeverFollowed) {
   EXPECT_FALSE(DeleteInvalidFiles(package.snapshot, true));
   EXPECT_FALSE(MoveFiles(package.snapshot, package.dir / "moved"));
   EXPECT_FALSE(CopyFiles(package.snapshot, package.dir / "copy", false));
-  EXPECT_TRUE(ReadFile(foreign / "big.bin") == package.big);
-  EXPECT_TRUE(ReadFile(foreign / "sub" / "small.txt") == package.small);
+  EXPECT_EQ(ReadFile(foreign / "big.bin"), package.big);
+  EXPECT_EQ(ReadFile(foreign / "sub" / "small.txt"), package.small);
   EXPECT_FALSE(fs::exists(package.dir / "copy" / "big.bin"));
   EXPECT_FALSE(fs::exists(package.dir / "moved" / "big.bin"));
 
@@ -125,11 +134,7 @@ TEST(FileOperationsTest, APackageFolderOrAFileThatIsALinkIsNeverFollowed) {
   WriteFile(other.dir / "outside" / "secret.txt", "secret");
   fs::remove(other.PathOf("sub/small.txt"));
   fs::create_symlink(other.dir / "outside" / "secret.txt", other.PathOf("sub/small.txt"));
-  SnapshotEntry& small = other.Entry("sub", "small.txt");
-  small.size = -1;
-  small.lastModified = 0;
-  small.fileHash.clear();
-  small.hasBlockHash = false;
+  SnapshotEntry& small = Unknown(other.Entry("sub", "small.txt"));
   UpdateUnknownFiles(other.snapshot);
   EXPECT_TRUE(small.fileHash.empty());
   EXPECT_EQ(small.size, -1);
@@ -137,12 +142,8 @@ TEST(FileOperationsTest, APackageFolderOrAFileThatIsALinkIsNeverFollowed) {
 
 TEST(FileOperationsTest, UpdateUnknownFilesFillsSizeTimeAndHash) {
   PackageFixture package;
-  SnapshotEntry& small = package.Entry("sub", "small.txt");
-  std::string expectedHash = small.fileHash;
-  small.size = -1;
-  small.lastModified = 0;
-  small.fileHash.clear();
-  small.hasBlockHash = false;
+  const std::string expectedHash = package.Entry("sub", "small.txt").fileHash;
+  SnapshotEntry& small = Unknown(package.Entry("sub", "small.txt"));
   UpdateUnknownFiles(package.snapshot);
   EXPECT_EQ(small.size, 100);
   EXPECT_NE(small.lastModified, 0u);

@@ -14,6 +14,11 @@ using testing::LoggedSnapshot;
 using testing::SnapshotDoc;
 using testing::StdAttributes;
 
+// A document with the usual root attributes whose Root of `size` bytes holds `body`.
+std::string InRoot(int size, const std::string& body) {
+  return SnapshotDoc(StdAttributes(), "<Root size=\"" + std::to_string(size) + "\">" + body + "</Root>");
+}
+
 struct UnsafeCase {
   std::string title;
   std::string body;   // inside Root
@@ -27,10 +32,9 @@ class UnsafeNameTest : public ::testing::TestWithParam<UnsafeCase> {};
 TEST_P(UnsafeNameTest, IsRefusedByTheTreePass) {
   const UnsafeCase& c = GetParam();
   LoggedSnapshot s;
-  ASSERT_TRUE(s.snapshot.LoadXml(
-      SnapshotDoc(StdAttributes(), R"(<Root size="1"><File name="ok" size="1" fileHash="h"/></Root>)")));
+  ASSERT_TRUE(s.snapshot.LoadXml(InRoot(1, R"(<File name="ok" size="1" fileHash="h"/>)")));
   const Snapshot before = s.snapshot;
-  EXPECT_FALSE(s.snapshot.LoadXml(SnapshotDoc(StdAttributes(), "<Root size=\"0\">" + c.body + "</Root>")));
+  EXPECT_FALSE(s.snapshot.LoadXml(InRoot(0, c.body)));
   EXPECT_EQ(s.log->Count("Invalid snapshot XML: Unsafe path '" + c.shown + "'"), 1u);
   EXPECT_EQ(s.snapshot, before);
   EXPECT_EQ(s.snapshot.documentText, before.documentText);
@@ -64,25 +68,21 @@ std::string NestedFolders(int depth, const std::string& inside) {
 
 TEST(HostileDocumentTest, DeepNestingIsRefusedWithoutHarm) {
   LoggedSnapshot s;
-  EXPECT_FALSE(
-      s.snapshot.LoadXml(SnapshotDoc(StdAttributes(), "<Root size=\"0\">" + NestedFolders(5000, "") + "</Root>")));
+  EXPECT_FALSE(s.snapshot.LoadXml(InRoot(0, NestedFolders(5000, ""))));
   EXPECT_TRUE(s.log->Contains("Invalid snapshot XML: XML failed to load"));
 
   // Nesting within the reader's limit loads, with the whole path.
   std::string path = "d";
   for (int i = 1; i < 200; ++i) path += "\\d";
   const std::string file = "<File name=\"f\" size=\"1\" blockHash=\"" + HashText(32) + "\"/>";
-  ASSERT_TRUE(
-      s.snapshot.LoadXml(SnapshotDoc(StdAttributes(), "<Root size=\"1\">" + NestedFolders(200, file) + "</Root>")));
+  ASSERT_TRUE(s.snapshot.LoadXml(InRoot(1, NestedFolders(200, file))));
   ASSERT_TRUE(s.snapshot.LoadBlockHashes());
   EXPECT_EQ(s.snapshot.FindEntry(path, "f")->blockHashes.size(), 32u);
 }
 
 TEST(HostileDocumentTest, HashesForFarMoreBlocksAreRefused) {
   LoggedSnapshot s;
-  ASSERT_TRUE(
-      s.snapshot.LoadXml(SnapshotDoc(StdAttributes(), "<Root size=\"1\"><File name=\"a\" size=\"1\" blockHash=\"" +
-                                                          HashText(3'000'000) + "\"/></Root>")));
+  ASSERT_TRUE(s.snapshot.LoadXml(InRoot(1, "<File name=\"a\" size=\"1\" blockHash=\"" + HashText(3'000'000) + "\"/>")));
   EXPECT_FALSE(s.snapshot.LoadBlockHashes());
   EXPECT_TRUE(s.snapshot.entries[0].blockHashes.empty());
   EXPECT_TRUE(s.log->Contains("Invalid snapshot XML: Bad block hash detected for file '\\a'"));

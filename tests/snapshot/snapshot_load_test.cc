@@ -2,6 +2,8 @@
 // refusals, each with the line the component writes.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "snapshot/snapshot.h"
 #include "snapshot/snapshot_builder.h"
 #include "snapshot/snapshot_limits.h"
@@ -51,98 +53,79 @@ TEST_P(SnapshotLoadTest, LoadsOrRefusesWithItsLine) {
 
 const std::string kOneFile = R"(<Root size="10" files="1" folders="0"><File name="a" size="10"/></Root>)";
 
+// A document with the usual root attributes around `body`.
+std::string Doc(const std::string& body) { return SnapshotDoc(StdAttributes(), body); }
+
+const std::string kInvalid = "Invalid snapshot XML: ";
+const std::string kSizeMismatch = kInvalid + "Total file size mismatch, expected 1, actual: 3";
+
 const std::vector<LoadCase> kLoadCases = {
-    LoadCase{"Plain", SnapshotDoc(StdAttributes(), kOneFile), true, ""},
-    LoadCase{"LegacyRootName", SnapshotDoc(R"(PkgVersion="7" blockSize="0")", kOneFile, "FolderSnapShot"), true, ""},
-    LoadCase{"NoBlockSizeIsLegacy", SnapshotDoc(R"(version="1")", kOneFile), true,
-             "Legacy snapshot XML: Missing hash block size", loglevel::kInfo},
-    LoadCase{"NotXml", "<Snapshot>\n<Root", false, "Invalid snapshot XML: XML failed to load, error: ",
-             loglevel::kWarning, "(line 2)"},
-    LoadCase{"EmptyText", "", false, "Invalid snapshot XML: XML failed to load, error: Document is empty"},
-    LoadCase{"WrongRoot", SnapshotDoc(StdAttributes(), kOneFile, "Snapshots"), false,
-             "Invalid snapshot XML: Incorrect root element"},
-    LoadCase{"RootNameIsCaseSensitive", SnapshotDoc(StdAttributes(), kOneFile, "snapshot"), false,
-             "Invalid snapshot XML: Incorrect root element"},
-    LoadCase{"NoRootFolder", SnapshotDoc(StdAttributes(), "<Folder name=\"x\"/>"), false,
-             "Invalid snapshot XML: Missing Root element"},
-    LoadCase{"RootWithoutSize", SnapshotDoc(StdAttributes(), R"(<Root><File name="a" size="10"/></Root>)"), false,
-             "Invalid snapshot XML: Missing Root element's size"},
-    LoadCase{"RootSizeOneMore", SnapshotDoc(StdAttributes(), R"(<Root size="11"><File name="a" size="10"/></Root>)"),
-             false, "Invalid snapshot XML: Total file size mismatch, expected 10, actual: 11"},
-    LoadCase{"RootSizeOneLess", SnapshotDoc(StdAttributes(), R"(<Root size="9"><File name="a" size="10"/></Root>)"),
-             false, "Invalid snapshot XML: Total file size mismatch, expected 10, actual: 9"},
-    LoadCase{"FileWithoutName", SnapshotDoc(StdAttributes(), R"(<Root size="0"><File size="0"/></Root>)"), false,
-             "Invalid snapshot XML: Missing file name"},
-    LoadCase{"FolderWithoutName", SnapshotDoc(StdAttributes(), R"(<Root size="0"><Folder/></Root>)"), false,
-             "Invalid snapshot XML: Missing folder name"},
-    LoadCase{"BadSize", SnapshotDoc(StdAttributes(), R"(<Root size="0"><File name="a" size="-1"/></Root>)"), false,
-             "Invalid snapshot XML: Bad value '-1' of attribute 'size'"},
-    LoadCase{"SizeBeyondInt64",
-             SnapshotDoc(StdAttributes(), R"(<Root size="0"><File name="a" size="9223372036854775808"/></Root>)"),
-             false, "Invalid snapshot XML: Bad value '9223372036854775808' of attribute 'size'"},
-    LoadCase{"BadTime", SnapshotDoc(R"(time="yesterday" blockSize="4")", kOneFile), false,
-             "Invalid snapshot XML: Bad value 'yesterday' of attribute 'time'"},
-    LoadCase{"BadId", SnapshotDoc(R"(id="{nope}" blockSize="4")", kOneFile), false,
-             "Invalid snapshot XML: Bad value '{nope}' of attribute 'id'"},
-    LoadCase{"BlockSizeBeyond32Bits", SnapshotDoc(R"(blockSize="4294967296")", kOneFile), false,
-             "Invalid snapshot XML: Bad value '4294967296' of attribute 'blockSize'"},
-    LoadCase{"TooManyBlocks",
-             SnapshotDoc(R"(blockSize="1")", R"(<Root size="9000000000"><File name="a" size="9000000000"/></Root>)"),
-             false, "Invalid snapshot XML: Too many hash blocks"},
-    LoadCase{
-        "CaseTwins",
-        SnapshotDoc(StdAttributes(), R"(<Root size="2"><File name="a" size="1"/><File name="A" size="1"/></Root>)"),
-        false, "Invalid snapshot XML: Duplicate entry 'A'"},
-    LoadCase{"CommentEndsTheWalk",
-             SnapshotDoc(StdAttributes(),
-                         R"(<Root size="3"><File name="a" size="1"/><!-- --><File name="b" size="2"/></Root>)"),
-             false, "Invalid snapshot XML: Total file size mismatch, expected 1, actual: 3"},
-    LoadCase{
-        "TextEndsTheWalk",
-        SnapshotDoc(StdAttributes(), R"(<Root size="3"><File name="a" size="1"/> x <File name="b" size="2"/></Root>)"),
-        false, "Invalid snapshot XML: Total file size mismatch, expected 1, actual: 3"},
-    LoadCase{"UnknownElementIsSkipped",
-             SnapshotDoc(StdAttributes(),
-                         R"(<Root size="3"><File name="a" size="1"/><Extra/><File name="b" size="2"/></Root>)"),
-             true, ""},
-    LoadCase{"CDataEndsTheWalk",
-             SnapshotDoc(StdAttributes(),
-                         R"(<Root size="3"><File name="a" size="1"/><![CDATA[x]]><File name="b" size="2"/></Root>)"),
-             false, "Invalid snapshot XML: Total file size mismatch, expected 1, actual: 3"},
-    LoadCase{
-        "TextEndsOnlyItsOwnFolder",
-        SnapshotDoc(
-            StdAttributes(),
-            R"(<Root size="3"><Folder name="d">text<File name="x" size="9"/></Folder><File name="b" size="3"/></Root>)"),
-        true, ""},
-    LoadCase{"FileWithoutSizeIsNotCounted",
-             SnapshotDoc(StdAttributes(), R"(<Root size="0"><File name="a"/><File name="b" size="4"/></Root>)"), true,
-             ""},
-    LoadCase{"FileContentIsNotVisited",
-             SnapshotDoc(StdAttributes(), R"(<Root size="1"><File name="a" size="1">text<File/></File></Root>)"), true,
-             ""},
-    LoadCase{"SecondRootIsIgnored",
-             SnapshotDoc(StdAttributes(),
-                         R"(<Other><Root size="7"/></Other><Root size="1"><File name="a" size="1"/></Root><Root/>)"),
-             true, ""},
-    LoadCase{"MalformedAfterAnError", SnapshotDoc(StdAttributes(), R"(<Root size="0"><File/></Root><x>)"), false,
-             "Invalid snapshot XML: XML failed to load, error: ", loglevel::kWarning, "(line 1)"},
+    {"Plain", Doc(kOneFile), true, ""},
+    {"LegacyRootName", SnapshotDoc(R"(PkgVersion="7" blockSize="0")", kOneFile, "FolderSnapShot"), true, ""},
+    {"NoBlockSizeIsLegacy", SnapshotDoc(R"(version="1")", kOneFile), true,
+     "Legacy snapshot XML: Missing hash block size", loglevel::kInfo},
+    {"NotXml", "<Snapshot>\n<Root", false, kInvalid + "XML failed to load, error: ", loglevel::kWarning, "(line 2)"},
+    {"EmptyText", "", false, kInvalid + "XML failed to load, error: Document is empty"},
+    {"WrongRoot", SnapshotDoc(StdAttributes(), kOneFile, "Snapshots"), false, kInvalid + "Incorrect root element"},
+    {"RootNameIsCaseSensitive", SnapshotDoc(StdAttributes(), kOneFile, "snapshot"), false,
+     kInvalid + "Incorrect root element"},
+    {"NoRootFolder", Doc("<Folder name=\"x\"/>"), false, kInvalid + "Missing Root element"},
+    {"RootWithoutSize", Doc(R"(<Root><File name="a" size="10"/></Root>)"), false,
+     kInvalid + "Missing Root element's size"},
+    {"RootSizeOneMore", Doc(R"(<Root size="11"><File name="a" size="10"/></Root>)"), false,
+     kInvalid + "Total file size mismatch, expected 10, actual: 11"},
+    {"RootSizeOneLess", Doc(R"(<Root size="9"><File name="a" size="10"/></Root>)"), false,
+     kInvalid + "Total file size mismatch, expected 10, actual: 9"},
+    {"FileWithoutName", Doc(R"(<Root size="0"><File size="0"/></Root>)"), false, kInvalid + "Missing file name"},
+    {"FolderWithoutName", Doc(R"(<Root size="0"><Folder/></Root>)"), false, kInvalid + "Missing folder name"},
+    {"BadSize", Doc(R"(<Root size="0"><File name="a" size="-1"/></Root>)"), false,
+     kInvalid + "Bad value '-1' of attribute 'size'"},
+    {"SizeBeyondInt64", Doc(R"(<Root size="0"><File name="a" size="9223372036854775808"/></Root>)"), false,
+     kInvalid + "Bad value '9223372036854775808' of attribute 'size'"},
+    {"BadTime", SnapshotDoc(R"(time="yesterday" blockSize="4")", kOneFile), false,
+     kInvalid + "Bad value 'yesterday' of attribute 'time'"},
+    {"BadId", SnapshotDoc(R"(id="{nope}" blockSize="4")", kOneFile), false,
+     kInvalid + "Bad value '{nope}' of attribute 'id'"},
+    {"BlockSizeBeyond32Bits", SnapshotDoc(R"(blockSize="4294967296")", kOneFile), false,
+     kInvalid + "Bad value '4294967296' of attribute 'blockSize'"},
+    {"TooManyBlocks",
+     SnapshotDoc(R"(blockSize="1")", R"(<Root size="9000000000"><File name="a" size="9000000000"/></Root>)"), false,
+     kInvalid + "Too many hash blocks"},
+    {"CaseTwins", Doc(R"(<Root size="2"><File name="a" size="1"/><File name="A" size="1"/></Root>)"), false,
+     kInvalid + "Duplicate entry 'A'"},
+    {"CommentEndsTheWalk", Doc(R"(<Root size="3"><File name="a" size="1"/><!-- --><File name="b" size="2"/></Root>)"),
+     false, kSizeMismatch},
+    {"TextEndsTheWalk", Doc(R"(<Root size="3"><File name="a" size="1"/> x <File name="b" size="2"/></Root>)"), false,
+     kSizeMismatch},
+    {"UnknownElementIsSkipped",
+     Doc(R"(<Root size="3"><File name="a" size="1"/><Extra/><File name="b" size="2"/></Root>)"), true, ""},
+    {"CDataEndsTheWalk",
+     Doc(R"(<Root size="3"><File name="a" size="1"/><![CDATA[x]]><File name="b" size="2"/></Root>)"), false,
+     kSizeMismatch},
+    {"TextEndsOnlyItsOwnFolder",
+     Doc(R"(<Root size="3"><Folder name="d">text<File name="x" size="9"/></Folder><File name="b" size="3"/></Root>)"),
+     true, ""},
+    {"FileWithoutSizeIsNotCounted", Doc(R"(<Root size="0"><File name="a"/><File name="b" size="4"/></Root>)"), true,
+     ""},
+    {"FileContentIsNotVisited", Doc(R"(<Root size="1"><File name="a" size="1">text<File/></File></Root>)"), true, ""},
+    {"SecondRootIsIgnored",
+     Doc(R"(<Other><Root size="7"/></Other><Root size="1"><File name="a" size="1"/></Root><Root/>)"), true, ""},
+    {"MalformedAfterAnError", Doc(R"(<Root size="0"><File/></Root><x>)"), false,
+     kInvalid + "XML failed to load, error: ", loglevel::kWarning, "(line 1)"},
     // One bit per block: a document justifies the blocks its hashes cover,
     // plus an allowance for files it describes without hashes.
-    LoadCase{"UnhashedBlocksUpToTheAllowance",
-             SnapshotDoc(R"(blockSize="1")", R"(<Root size="8388608"><File name="a" size="8388608"/></Root>)"), true,
-             ""},
-    LoadCase{"UnhashedBlocksPastTheAllowance",
-             SnapshotDoc(R"(blockSize="1")", R"(<Root size="8388609"><File name="a" size="8388609"/></Root>)"), false,
-             "Invalid snapshot XML: Too many hash blocks: 8388609 blocks, the document justifies 8388608"},
-    LoadCase{"HashTextJustifiesItsBlocks",
-             SnapshotDoc(R"(blockSize="1")", R"(<Root size="8388609"><File name="a" size="8388609" blockHash=")" +
-                                                  HashText(32) + R"("/></Root>)"),
-             true, ""},
-    LoadCase{
-        "Utf16",
-        testing::ToUtf16(SnapshotDoc("version=\"2\"", R"(<Root size="1"><File name="a" size="1"/></Root>)"), false),
-        true, "Legacy snapshot XML: Missing hash block size", loglevel::kInfo},
+    {"UnhashedBlocksUpToTheAllowance",
+     SnapshotDoc(R"(blockSize="1")", R"(<Root size="8388608"><File name="a" size="8388608"/></Root>)"), true, ""},
+    {"UnhashedBlocksPastTheAllowance",
+     SnapshotDoc(R"(blockSize="1")", R"(<Root size="8388609"><File name="a" size="8388609"/></Root>)"), false,
+     kInvalid + "Too many hash blocks: 8388609 blocks, the document justifies 8388608"},
+    {"HashTextJustifiesItsBlocks",
+     SnapshotDoc(R"(blockSize="1")",
+                 R"(<Root size="8388609"><File name="a" size="8388609" blockHash=")" + HashText(32) + R"("/></Root>)"),
+     true, ""},
+    {"Utf16",
+     testing::ToUtf16(SnapshotDoc("version=\"2\"", R"(<Root size="1"><File name="a" size="1"/></Root>)"), false), true,
+     "Legacy snapshot XML: Missing hash block size", loglevel::kInfo},
 };
 
 INSTANTIATE_TEST_SUITE_P(Documents, SnapshotLoadTest, ::testing::ValuesIn(kLoadCases),
@@ -196,7 +179,7 @@ TEST(SnapshotLoadTest, EntriesAreSortedAndNumberedInBlocks) {
   // b: one byte over the block size (2 blocks); c: empty (none, shares its
   // first block with the next file); D: 1 byte; the sub folder's file comes
   // after the root's files.
-  const std::string doc = SnapshotDoc(StdAttributes(), R"(
+  const std::string doc = Doc(R"(
       <Root size="2097156" files="3" folders="1">
         <File name="b" size="2097153" lastModifiedTime="2024-03-01 10:20:30" fileHash="x"/>
         <File name="c" size="0"/>
@@ -207,23 +190,16 @@ TEST(SnapshotLoadTest, EntriesAreSortedAndNumberedInBlocks) {
       </Root>)");
   LoggedSnapshot s;
   ASSERT_TRUE(s.snapshot.LoadXml(doc));
-  struct Want {
-    std::string folder, name;
-    int64_t size;
-    uint32_t firstBlock;
-  };
-  const Want want[] = {
-      {"", "b", 2097153, 0}, {"", "c", 0, 2}, {"", "D", 1, 2}, {"Sub", "", 0, kNoBlock}, {"Sub", "e", 2, 3}};
-  ASSERT_EQ(s.snapshot.entries.size(), std::size(want));
-  for (size_t i = 0; i < std::size(want); ++i) {
-    const SnapshotEntry& e = s.snapshot.entries[i];
-    EXPECT_EQ(e.folder, want[i].folder) << i;
-    EXPECT_EQ(e.name, want[i].name) << i;
-    EXPECT_EQ(e.size, want[i].size) << i;
-    EXPECT_EQ(e.firstBlock, want[i].firstBlock) << i;
-    EXPECT_EQ(e.validBytes, -1) << i;
-    EXPECT_EQ(e.state, entrystate::kNotChecked) << i;
-  }
+  using Fields = std::tuple<std::string, std::string, int64_t, uint32_t, int64_t, uint32_t>;
+  std::vector<Fields> got;
+  for (const SnapshotEntry& e : s.snapshot.entries)
+    got.emplace_back(e.folder, e.name, e.size, e.firstBlock, e.validBytes, e.state);
+  const uint32_t unchecked = entrystate::kNotChecked;
+  EXPECT_EQ(got, (std::vector<Fields>{{"", "b", 2097153, 0, -1, unchecked},
+                                      {"", "c", 0, 2, -1, unchecked},
+                                      {"", "D", 1, 2, -1, unchecked},
+                                      {"Sub", "", 0, kNoBlock, -1, unchecked},
+                                      {"Sub", "e", 2, 3, -1, unchecked}}));
   EXPECT_EQ(s.snapshot.totalBlocks, 4u);
   EXPECT_EQ(s.snapshot.entries[0].lastModified, *ParseDocumentTime("2024-03-01 10:20:30"));
   EXPECT_EQ(s.snapshot.entries[0].fileHash, "x");
@@ -234,8 +210,7 @@ TEST(SnapshotLoadTest, EntriesAreSortedAndNumberedInBlocks) {
 
 TEST(SnapshotLoadTest, AFailedLoadLeavesTheObjectAsItWasExceptTheUnhashedFlag) {
   LoggedSnapshot s;
-  ASSERT_TRUE(s.snapshot.LoadXml(
-      SnapshotDoc(StdAttributes(), R"(<Root size="10"><File name="a" size="10" fileHash="h"/></Root>)")));
+  ASSERT_TRUE(s.snapshot.LoadXml(Doc(R"(<Root size="10"><File name="a" size="10" fileHash="h"/></Root>)")));
   s.snapshot.path = "/pkg";
   s.snapshot.signature = "c2ln";
   s.snapshot.signedData = {1, 2, 3};
@@ -266,7 +241,7 @@ TEST(SnapshotLoadTest, AFailedLoadLeavesTheObjectAsItWasExceptTheUnhashedFlag) {
 
 TEST(SnapshotLoadTest, EntryLookupAndStates) {
   LoggedSnapshot s;
-  ASSERT_TRUE(s.snapshot.LoadXml(SnapshotDoc(StdAttributes(), R"(
+  ASSERT_TRUE(s.snapshot.LoadXml(Doc(R"(
       <Root size="3"><File name="one" size="1"/><File name="Two" size="1"/>
         <Folder name="Dir"><File name="three" size="1"/></Folder></Root>)")));
   Snapshot& snap = s.snapshot;
@@ -305,9 +280,8 @@ TEST(SnapshotLoadTest, IncompleteFiles) {
     LoggedSnapshot s;
     s.snapshot.hashNotRequired = c.hashNotRequired;
     bool knownSize = c.file.find("size") != std::string::npos;
-    ASSERT_TRUE(s.snapshot.LoadXml(SnapshotDoc(
-        StdAttributes(), "<Root size=\"" + std::string(knownSize ? "1" : "0") + "\">" + c.file + "</Root>")))
-        << c.file;
+    const std::string root = knownSize ? "<Root size=\"1\">" : "<Root size=\"0\">";
+    ASSERT_TRUE(s.snapshot.LoadXml(Doc(root + c.file + "</Root>"))) << c.file;
     EXPECT_EQ(s.snapshot.IsIncomplete(), c.incomplete) << c.file;
   }
   EXPECT_FALSE(Snapshot().IsIncomplete());  // no entries

@@ -72,8 +72,8 @@ std::map<std::string, std::vector<std::string>> RangesAsked(const HttpTestServer
 
 class BlockDownloadTest : public ::testing::Test {
  protected:
-  void Serve(const std::string& prefix) {
-    for (const auto& [path, content] : package_.files()) server_.AddFile(prefix + UrlPath(path), content);
+  void Serve(HttpTestServer& server) {
+    for (const auto& [path, content] : package_.files()) server.AddFile("/pkg/" + UrlPath(path), content);
   }
 
   testing::TransportServices env_;
@@ -166,7 +166,7 @@ TEST_F(BlockDownloadTest, AsksOnlyForTheBlocksTheLocalMapLacks) {
     }
     c.prepare();
     HttpTestServer server;
-    for (const auto& [path, content] : package_.files()) server.AddFile("/pkg/" + UrlPath(path), content);
+    Serve(server);
     AttemptRunner runner(env_.services, package_);
     const Result code = runner.Run(server.Url("/pkg"), [&](AttemptInput& input) {
       if (!c.mapHasAllOfA) return;
@@ -209,7 +209,7 @@ TEST_F(BlockDownloadTest, AFaultEndsTheFileWithItsCodeAndTheMapKeepsWhatArrived)
     fs::remove_all(package_.target);
     env_.log->Clear();
     HttpTestServer server;
-    for (const auto& [path, content] : package_.files()) server.AddFile("/pkg/" + UrlPath(path), content);
+    Serve(server);
     server.AddFile("/pkg/c.bin", package_.Content("c.bin").substr(0, c.servedBytes));
     server.SetFault("/pkg/c.bin", c.fault);
     AttemptRunner runner(env_.services, package_);
@@ -246,7 +246,7 @@ TEST_F(BlockDownloadTest, AFaultEndsTheFileWithItsCodeAndTheMapKeepsWhatArrived)
 }
 
 TEST_F(BlockDownloadTest, AListThatLeavesBlocksMissingEndsWith707) {
-  Serve("/pkg/");
+  Serve(server_);
   AttemptRunner runner(env_.services, package_);
   const Result code = runner.Run(server_.Url("/pkg"), [&](AttemptInput&) {
     std::erase_if(runner.updateList.entries, [](const SnapshotEntry& entry) { return entry.name == "c.bin"; });
@@ -258,7 +258,7 @@ TEST_F(BlockDownloadTest, AListThatLeavesBlocksMissingEndsWith707) {
 }
 
 TEST_F(BlockDownloadTest, AMovedSourceServesTheRestOfThatFileOnly) {
-  Serve("/pkg/");
+  Serve(server_);
   server_.AddRedirect("/pkg/a.bin", "/moved/a.bin");
   server_.AddRedirect("/pkg/c.bin", "/moved/c.bin");
   server_.AddFile("/moved/a.bin", package_.Content("a.bin"));
@@ -275,7 +275,7 @@ TEST_F(BlockDownloadTest, AMovedSourceServesTheRestOfThatFileOnly) {
 }
 
 TEST_F(BlockDownloadTest, ACancelFromAnotherThreadEndsTheAttemptPromptly) {
-  Serve("/pkg/");
+  Serve(server_);
   server_.SetFault("/pkg/c.bin", Fault([](HttpFault& f) { f.bytesPerSecond = 2048; }));  // two seconds a block
   AttemptRunner runner(env_.services, package_);
   std::chrono::steady_clock::time_point cancelledAt;
@@ -296,7 +296,7 @@ TEST_F(BlockDownloadTest, ACancelFromAnotherThreadEndsTheAttemptPromptly) {
 }
 
 TEST_F(BlockDownloadTest, HostileNamesNeverLeaveThePackageFolder) {
-  Serve("/pkg/");
+  Serve(server_);
   const fs::path outside = package_.dir / "outside";
   fs::create_directories(outside);
   struct Case {
@@ -349,7 +349,7 @@ TEST_F(BlockDownloadTest, SiteReservationStandsAroundTheAttempt) {
     fs::remove_all(package_.target);
     env_.log->Clear();
     HttpTestServer server;
-    for (const auto& [path, content] : package_.files()) server.AddFile("/pkg/" + UrlPath(path), content);
+    Serve(server);
     server.AddFile(page, c.answer, {{"Content-Type", "text/xml"}});
     env_.settings->Set(kSitesSettingsKey, kSiteTransferServerUrlValue, SettingValue::Text(server.Url("")));
     const std::string siteKey = std::string(kSitesSettingsKey) + "\\site-1";

@@ -31,6 +31,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         Converted{"http://server/pkg/a.bin", K::kHttp, "http://server/pkg/a.bin", ""},
         Converted{"HTTPS://server:8443/p?x=1&y=2#f", K::kHttp, "HTTPS://server:8443/p?x=1&y=2#f", ""},
+        Converted{"Http://x/", K::kHttp, "Http://x/", ""},
         // The request document placed in the query as it stands is encoded here.
         Converted{"http://qs/GetPackageInfo.aspx?xml=<request a=\"1\"/>", K::kHttp,
                   "http://qs/GetPackageInfo.aspx?xml=%3Crequest%20a=%221%22/%3E", ""},
@@ -59,6 +60,7 @@ TEST_P(RefusedLocationTest, Throws) {
   } catch (const Error& e) {
     EXPECT_EQ(e.code(), r.code) << r.stored;
   }
+  EXPECT_EQ(HasKnownProtocol(r.stored), r.code != result::kInvalidProtocol) << r.stored;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -78,13 +80,6 @@ INSTANTIATE_TEST_SUITE_P(
         Refused{"\\\\\\srv/../etc", result::kInvalidArg}, Refused{"\\\\\\srv\\a\x01", result::kInvalidArg},
         Refused{"\\\\host", result::kInvalidArg}, Refused{"\\\\host\\", result::kInvalidArg},
         Refused{"\\\\host\\share\\..\\..\\x", result::kInvalidArg}, Refused{"\\\\\\\\x\\y", result::kInvalidArg}));
-
-TEST(HasKnownProtocolTest, TellsTheFormsApart) {
-  EXPECT_FALSE(HasKnownProtocol("ftp://x/"));
-  EXPECT_FALSE(HasKnownProtocol("file:///x"));
-  EXPECT_FALSE(HasKnownProtocol("\\x"));
-  EXPECT_TRUE(HasKnownProtocol("Http://x/"));
-}
 
 }  // namespace
 }  // namespace pkgdlv

@@ -35,10 +35,8 @@ using Headers = std::vector<std::pair<std::string, std::string>>;
 const char* const kPackage = "{8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B}";
 const std::string kSources = "<PackageSources><Codebases><Codebase href=\"http://ps/pkg\"/></Codebases></PackageSources>";
 
-std::vector<uint8_t> Bytes(std::string_view s) { return {s.begin(), s.end()}; }
-
 std::string Framed(std::string_view text) {
-  std::vector<uint8_t> buffer = Bytes(text);
+  std::vector<uint8_t> buffer(text.begin(), text.end());
   testing::RecordingLogger log;
   EXPECT_TRUE(Compress(buffer, 1, loglevel::kSilent, log));
   return std::string(buffer.begin(), buffer.end());
@@ -48,6 +46,17 @@ class PackageInfoTest : public ::testing::Test {
  protected:
   void SetUp() override { PackageDownload::ResetProcessBackoff(); }
   void TearDown() override { PackageDownload::ResetProcessBackoff(); }
+
+  // Serves the body at a path of its own, for a case that starts with no
+  // back-off and no server errors, and returns that path.
+  std::string FreshCase(const std::string& body, const Headers& headers, const testing::HttpFault& fault = {}) {
+    PackageDownload::ResetProcessBackoff();
+    env_.services.server_profile = NewMemoryServerProfile();
+    const std::string path = "/q" + std::to_string(served_++) + ".aspx";
+    server_.AddFile(path, body, headers);
+    server_.SetFault(path, fault);
+    return path;
+  }
 
   PackageInfoQuery Query(const std::string& path) {
     PackageInfoQuery query;
@@ -76,6 +85,7 @@ class PackageInfoTest : public ::testing::Test {
 
   testing::TransportServices env_;
   HttpTestServer server_;
+  int served_ = 0;
 };
 
 TEST_F(PackageInfoTest, AnswersOverHttp) {
@@ -122,15 +132,10 @@ TEST_F(PackageInfoTest, AnswersOverHttp) {
       {"signed, unknown key", frame, BinaryHeaders(frame, SignatureBy(2, frame)), 0x80073602, binary},
       {"signature not base64", frame, BinaryHeaders(frame, "@@@"), 0x8007000D, binary},
   };
-  int index = 0;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const std::string path = "/q" + std::to_string(index++) + ".aspx";
-    server_.AddFile(path, c.body, c.headers);
-    server_.SetFault(path, c.fault);
+    const std::string path = FreshCase(c.body, c.headers, c.fault);
     env_.log->Clear();
-    env_.services.server_profile = NewMemoryServerProfile();
-    PackageDownload::ResetProcessBackoff();
     PackageDownload download(env_.services);
     std::string answer;
     EXPECT_EQ(download.GetPackageInfo(Query(path), answer), c.code == 0);
@@ -255,17 +260,12 @@ TEST_F(PackageInfoTest, BusyStatusesBackOffUntilRetryAfter) {
       {"an HTTP date", 429, HttpDate(now + 20 * kFileTimeTicksPerMinute), 20 * 60},
       {"unreadable", 503, "soon", 3 * 60},
   };
-  int index = 0;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const std::string path = "/busy" + std::to_string(index++) + ".aspx";
-    server_.AddFile(path, kSources, {{"Content-Type", "text/xml"}});
     testing::HttpFault busy;
     busy.status = c.status;
     if (c.retryAfter) busy.statusHeaders = {{"Retry-After", *c.retryAfter}};
-    server_.SetFault(path, busy);
-    PackageDownload::ResetProcessBackoff();
-    env_.services.server_profile = NewMemoryServerProfile();
+    const std::string path = FreshCase(kSources, {{"Content-Type", "text/xml"}}, busy);
     PackageDownload download(env_.services);
     std::string answer;
     EXPECT_FALSE(download.GetPackageInfo(Query(path), answer));

@@ -1,6 +1,5 @@
 // The rules of the package download transport that need no server: URLs
-// built from requests and redirects, connection options and the reading of
-// text bodies.
+// built from requests and redirects and the reading of text bodies.
 #include <gtest/gtest.h>
 
 #include "transport/package_download.h"
@@ -60,28 +59,6 @@ TEST(TransportRulesTest, DynamicPagesAndUncPaths) {
   EXPECT_FALSE(HasAspExtension("http://h/sources.xml") || HasAspExtension("http://h/dir.aspx/sources"));
   EXPECT_TRUE(IsUncPath("\\\\srv\\x") && IsUncPath("//srv/x") && IsUncPath("\\/srv"));
   EXPECT_FALSE(IsUncPath("http://h/x") || IsUncPath("\\x"));
-}
-
-TEST(TransportRulesTest, ConnectionOptionRowsInOrder) {
-  using Rows = std::vector<std::pair<std::string, std::string>>;
-  const Rows normal = {{"com.brelmont.ExactHttpErrorOn", ""},
-                       {"com.brelmont.HttpConnection.AuthenticateClientOff", ""},
-                       {"com.brelmont.HttpConnection.PeerConnectionModeOff", ""},
-                       {"com.brelmont.HttpConnection.PeerDownloadMaxRate", "0"},
-                       {"com.brelmont.LoggingFlags", "2097152"}};
-  const Rows peer = {{"com.brelmont.ExactHttpErrorOn", ""},
-                     {"com.brelmont.HttpConnection.AuthenticateClientOff", ""},
-                     {"com.brelmont.SecureConnectionMode", "2"},
-                     {"com.brelmont.HttpConnection.PeerConnectionModeOn", ""},
-                     {"com.brelmont.HttpConnection.PeerDownloadMaxRate", "100d"},
-                     {"com.brelmont.LoggingFlags", "0"}};
-  EXPECT_EQ(ConnectionOptionRows(false, 100, 0x200000), normal);
-  EXPECT_EQ(ConnectionOptionRows(true, 100, 0), peer);
-
-  ConnectionOptions applied;
-  for (const auto& [name, value] : peer) applied.Set(name, value);
-  EXPECT_TRUE(applied.peerConnection);
-  EXPECT_EQ(applied.maxReceiveBytesPerSecond, 100u * 1024);
 }
 
 TEST(TransportRulesTest, TextBodies) {
