@@ -20,6 +20,7 @@
 #include "transport/download_events.h"
 #include "util/atomic_file.h"
 #include "util/error.h"
+#include "util/file_reader.h"
 #include "util/format.h"
 #include "util/strings.h"
 
@@ -75,8 +76,8 @@ struct DownloadArgs {
 };
 
 std::string ReadText(const std::string& path) {
-  if (path == "-") return std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-  std::vector<uint8_t> bytes = ReadWholeFile(path);
+  if (path == "-") return ReadStreamCapped(std::cin);
+  std::vector<uint8_t> bytes = ReadFileCapped(path);
   return std::string(bytes.begin(), bytes.end());
 }
 

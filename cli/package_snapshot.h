@@ -11,6 +11,7 @@
 #include "snapshot/snapshot.h"
 #include "util/atomic_file.h"
 #include "util/error.h"
+#include "util/file_reader.h"
 
 namespace pkgdlv::cli {
 
@@ -27,7 +28,7 @@ class StderrLogger final : public Logger {
 inline Snapshot LoadPackageSnapshot(const std::string& folder, const std::string& snapshotFile) {
   std::vector<uint8_t> bytes;
   try {
-    bytes = ReadWholeFile(snapshotFile);
+    bytes = ReadFileCapped(snapshotFile);
   } catch (const Error& e) {
     throw CommandFailure{e.description()};
   }

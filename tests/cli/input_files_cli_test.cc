@@ -70,6 +70,10 @@ TEST(InputFilesCliTest, OnlyRegularFilesOfBoundedSizeAreRead) {
       {"snapshot show '" + huge + "'", "pkgdlv: '" + huge + "' is larger than 67108864 bytes (0x800700DF)\n"},
       {"request show '" + fifo + "'", "pkgdlv: '" + fifo + "' is not a regular file (0x80070057)\n"},
       {"request show '" + huge + "'", "pkgdlv: '" + huge + "' is larger than 67108864 bytes (0x800700DF)\n"},
+      {"check '" + history + "' --snapshot '" + huge + "'",
+       "pkgdlv: '" + huge + "' is larger than 67108864 bytes\n"},
+      {"download '" + huge + "' --work-folder '" + (dir / "work").string() + "'",
+       "pkgdlv: '" + huge + "' is larger than 67108864 bytes (0x800700DF)\n"},
       {"history '" + history + "'",
        "pkgdlv: Error loading log: '" + history + "/log.xml' is not a regular file\n"},
       {"snapshot fetch --package {11111111-2222-3333-4444-555555555555} --dir '" + (dir / "source").string() +
