@@ -2,6 +2,8 @@
 // and follows its download: a progress line on standard error while blocks
 // arrive, then the package's status. The engine runs with its own retry
 // rules; the tool waits for as many attempts as it is told to.
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -13,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/command_registry.h"
+#include "cli/progress_view.h"
 #include "cli/work_folder.h"
 #include "engine/download_cycle.h"
 #include "engine/package_manager.h"
@@ -26,45 +29,6 @@
 
 namespace pkgdlv::cli {
 namespace {
-
-// One line on standard error, rewritten in place as progress arrives.
-class ProgressLine final : public DownloadEvents {
- public:
-  explicit ProgressLine(bool quiet) : quiet_(quiet) {}
-
-  void OnBeginFile(const Guid&, const std::string& filePath) override {
-    std::lock_guard lock(mutex_);
-    file_ = filePath;
-  }
-  void OnBeginTransfer(const Guid&, const std::string&) override {}
-  void OnProgress(const Guid&, uint64_t packageSize, uint64_t packageDone, uint64_t, uint64_t) override {
-    if (quiet_) return;
-    std::lock_guard lock(mutex_);
-    const int percent = packageSize ? static_cast<int>(packageDone * 100 / packageSize) : 100;
-    const int filled = percent / 5;
-    std::fprintf(stderr, "\r[%-20s] %3d%%  %.1f / %.1f MB  %s\x1b[K", std::string(filled, '#').c_str(), percent,
-                 packageDone / 1e6, packageSize / 1e6, Tail(file_).c_str());
-    std::fflush(stderr);
-    shown_ = true;
-  }
-  void OnEndFile(const Guid&, const std::string&, int32_t) override {}
-
-  void Finish() {
-    std::lock_guard lock(mutex_);
-    if (shown_) std::fputc('\n', stderr);
-    shown_ = false;
-  }
-
- private:
-  static std::string Tail(const std::string& path) {
-    return path.size() <= 40 ? path : "..." + path.substr(path.size() - 37);
-  }
-
-  const bool quiet_;
-  std::mutex mutex_;
-  std::string file_;
-  bool shown_ = false;
-};
 
 struct DownloadArgs {
   std::string request;
@@ -92,7 +56,10 @@ void Download(const DownloadArgs& args, Context& context) {
   if (!loaded) throw CommandFailure{"the request document was refused (see the agent log)"};
   if (request->id().IsNull()) throw CommandFailure{"the request names no package identifier"};
 
-  ProgressLine progress(args.quiet || args.json);
+  // --json prints the outcome as one object; the progress line is for a
+  // person at a terminal.
+  ProgressView progress(args.quiet || args.json || !::isatty(STDERR_FILENO) ? ProgressView::Mode::kQuiet
+                                                                           : ProgressView::Mode::kTerminal);
   auto cycle = std::make_shared<DownloadCycle>(services, services.site_limits, &progress);
   PackageManager engine(services, folder, cycle);
   engine.QueuePackage(request, false);
