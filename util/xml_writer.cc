@@ -3,6 +3,7 @@
 #include <string>
 #include <tuple>
 
+#include "util/display_text.h"
 #include "util/error.h"
 #include "util/xml.h"
 
@@ -18,31 +19,6 @@ void AppendReference(std::string& out, uint32_t code_point) {
   out += ';';
 }
 
-// Length of the well-formed UTF-8 sequence at text[i] and its code point;
-// 0 when the bytes there are not one (overlong forms and surrogates included).
-size_t DecodeUtf8(std::string_view text, size_t i, uint32_t& code_point) {
-  const auto byte = [&](size_t k) { return static_cast<uint8_t>(text[i + k]); };
-  const uint8_t lead = byte(0);
-  size_t length;
-  uint32_t minimum;
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2, minimum = 0x80, code_point = lead & 0x1Fu;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3, minimum = 0x800, code_point = lead & 0x0Fu;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4, minimum = 0x10000, code_point = lead & 0x07u;
-  } else {
-    return 0;
-  }
-  if (i + length > text.size()) return 0;
-  for (size_t k = 1; k < length; ++k) {
-    if ((byte(k) & 0xC0) != 0x80) return 0;
-    code_point = code_point << 6 | (byte(k) & 0x3Fu);
-  }
-  if (code_point < minimum || code_point > 0x10FFFF || (code_point >= 0xD800 && code_point <= 0xDFFF)) return 0;
-  return length;
-}
-
 // attribute: also encode tab and line feed, which an attribute value would
 // otherwise turn into spaces when read back.
 void EscapeInto(std::string& out, std::string_view text, bool attribute) {
@@ -51,7 +27,7 @@ void EscapeInto(std::string& out, std::string_view text, bool attribute) {
     const auto c = static_cast<uint8_t>(text[i]);
     if (c >= 0x80) {
       uint32_t code_point = 0;
-      const size_t length = DecodeUtf8(text, i, code_point);
+      const size_t length = DecodeUtf8At(text, i, code_point);
       if (length == 0 || code_point == 0xFFFE || code_point == 0xFFFF) {
         out += kReplacement;
         i += length == 0 ? 1 : length;
