@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <exception>
 #include <new>
+#include <utility>
 
 #include "agent/clock.h"
 #include "agent/logger.h"
@@ -256,7 +257,19 @@ void DownloadCycle::LoadStoredSnapshot(PackageRequest& request) {
   snapshot.path = folder;
 }
 
+void DownloadCycle::ForceSnapshotRefresh(const Guid& id) {
+  std::lock_guard lock(forcedLock_);
+  forced_ = id;
+}
+
 void DownloadCycle::RunPasses(Cycle& cycle) {
+  {
+    std::lock_guard lock(forcedLock_);
+    if (forced_ == cycle.id) {
+      cycle.forceSnapshot = true;
+      forced_ = Guid{};
+    }
+  }
   std::vector<CodebaseEntry> tried;
   std::vector<std::string> badServers;
   while (!RunOnePass(cycle, tried, badServers)) {
@@ -273,7 +286,7 @@ bool DownloadCycle::RunOnePass(Cycle& cycle, std::vector<CodebaseEntry>& tried, 
   const ServerSelection server = selector.ChooseForPass(cycle.request, tried, {}, badServers, cycle.engine.queueLock);
   record_.source = server.location;
 
-  GetUpdateList(cycle, &server, false);
+  GetUpdateList(cycle, &server, std::exchange(cycle.forceSnapshot, false));
   if (cycle.FilesToUpdate() == 0) return true;
   CheckFreeSpace(cycle);
   DownloadFiles(cycle, server, true);

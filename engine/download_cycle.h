@@ -23,6 +23,7 @@
 #include <pkgdlv/agent_services.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,11 @@ class DownloadCycle final : public PackageDownloader {
   AttemptOutcome PerformDownload(PackageRequest& request, TransferControl& transfer,
                                  DownloadContext& engine) override;
   void CycleEnded(PackageRequest& request, const AttemptOutcome& outcome) override;
+
+  // The next cycle of package id fetches the snapshot from its server even
+  // when the one held is valid (the tool's --force). Before Start, or from
+  // any thread.
+  void ForceSnapshotRefresh(const Guid& id);
 
   PackageDownload& transport() { return download_; }
 
@@ -97,6 +103,8 @@ class DownloadCycle final : public PackageDownloader {
   std::recursive_mutex* queueLock_ = nullptr;
   uint64_t previousDownloaded_ = 0;  // bytes of the package's previous attempt
   Guid previousPackage_;
+  std::mutex forcedLock_;
+  Guid forced_;  // under forcedLock_
 };
 
 }  // namespace pkgdlv

@@ -23,6 +23,7 @@ struct DownloadCycle::Cycle {
   Result code = 0;
   std::string description;
   bool sourcesObtained = false;
+  bool forceSnapshot = false;  // the first pass fetches the snapshot whatever is held
   FileTime busyUntil = 0;  // a busy Quillon Server's earliest retry time
   // The files still to fetch and the blocks already good, from the last
   // update list.
