@@ -31,9 +31,34 @@ class SystemNetworkAddresses final : public NetworkAddresses {
     freeifaddrs(list);
     return addresses;
   }
+
+  std::vector<Ipv4Network> IPv4Networks() override {
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) Throw(ResultFromErrno(errno), "Cannot read the network interfaces");
+    std::vector<Ipv4Network> networks;
+    for (ifaddrs* item = list; item != nullptr; item = item->ifa_next) {
+      if (item->ifa_addr == nullptr || item->ifa_netmask == nullptr || item->ifa_addr->sa_family != AF_INET) continue;
+      if ((item->ifa_flags & IFF_UP) == 0 || (item->ifa_flags & IFF_LOOPBACK) != 0) continue;
+      Ipv4Network network;
+      network.address = ntohl(reinterpret_cast<const sockaddr_in*>(item->ifa_addr)->sin_addr.s_addr);
+      network.mask = ntohl(reinterpret_cast<const sockaddr_in*>(item->ifa_netmask)->sin_addr.s_addr);
+      networks.push_back(network);
+    }
+    freeifaddrs(list);
+    return networks;
+  }
 };
 
 }  // namespace
+
+std::vector<Ipv4Network> NetworkAddresses::IPv4Networks() {
+  std::vector<Ipv4Network> networks;
+  for (const std::string& text : IPv4Addresses()) {
+    in_addr address{};
+    if (inet_pton(AF_INET, text.c_str(), &address) == 1) networks.push_back({ntohl(address.s_addr), 0xFFFFFFFFu});
+  }
+  return networks;
+}
 
 std::shared_ptr<NetworkAddresses> NewSystemNetworkAddresses() { return std::make_shared<SystemNetworkAddresses>(); }
 

@@ -18,6 +18,7 @@
 #include "engine/peer_directory.h"
 #include "engine/server_selection.h"
 #include "engine/transfer_control.h"
+#include "multicast/multicast_engine.h"
 #include "records/delivery_settings.h"
 #include "snapshot/snapshot_file.h"
 #include "transport/server_answer.h"
@@ -30,6 +31,8 @@ namespace {
 
 constexpr std::string_view kComponent = "PackageManager";
 constexpr Result kStandardException = 0xE06D7363;
+// The end line's status when the files came by multicast.
+constexpr std::string_view kMulticastCompletedText = "Multicast download completed";
 
 std::string ComputerName() {
   char name[256] = {};
@@ -89,6 +92,7 @@ AttemptOutcome DownloadCycle::PerformDownload(PackageRequest& request, TransferC
     previousDownloaded_ = 0;
   }
   BeginLine(request);
+  multicastUse_ = MulticastUse::kNone;
   AttemptOutcome outcome;
   // A package kept in a folder of its own is complete by definition: the
   // engine marks it valid without any network access.
@@ -106,10 +110,8 @@ AttemptOutcome DownloadCycle::PerformDownload(PackageRequest& request, TransferC
       remote = request.remote;
     }
     if (!remote) {
-      if (engine.peers.State() != PeerDirectory::kRunningState) {
-        services_.log->Log(loglevel::kInfo, kComponent, "DHT engine is not running. Skip peer activity.");
-      }
-      RunPasses(cycle);
+      PeerStep(cycle);
+      if (!cycle.waitForPeer) RunPasses(cycle);
     }
   } catch (const Error& error) {
     cycle.code = error.code();
@@ -128,6 +130,10 @@ AttemptOutcome DownloadCycle::PerformDownload(PackageRequest& request, TransferC
   }
   transfer.SetAbortHook(nullptr);
   cycle_ = nullptr;
+  if (multicastUse_ == MulticastUse::kAttempted && transfer.IsCancelled()) {
+    services_.log->Log(loglevel::kInfo, kComponent, "Package download cancelled");
+    engine.multicast.StopSession();
+  }
 
   const uint64_t downloaded = blocks_.statistics().downloaded;
   outcome.code = cycle.code;
@@ -135,6 +141,9 @@ AttemptOutcome DownloadCycle::PerformDownload(PackageRequest& request, TransferC
   outcome.sourcesObtained = cycle.sourcesObtained;
   outcome.progressMade = downloaded > previousDownloaded_;
   outcome.busyUntil = cycle.busyUntil;
+  outcome.peerMode = cycle.peerMode;
+  // A wait for peers counts as an attempt only when the search says so.
+  outcome.countAttempt = !cycle.waitForPeer || (cycle.peerResult & PeerSearch::kCountWaitAttempt) != 0;
   if (cycle.code != 0) previousDownloaded_ = downloaded;
   return outcome;
 }
@@ -163,7 +172,9 @@ void DownloadCycle::CycleEnded(PackageRequest& request, const AttemptOutcome& ou
       auto lock = request.Lock();
       name = request.name;
       folder = request.packageFolder();
-      status = request.IsLocallyManaged() ? "" : request.statusDescription;
+      status = request.IsLocallyManaged()                ? ""
+               : multicastUse_ == MulticastUse::kUsed ? std::string(kMulticastCompletedText)
+                                                      : request.statusDescription;
       record_.status = request.status();
       record_.statusDescr = request.statusDescription;
     }
@@ -212,8 +223,9 @@ void DownloadCycle::ObtainSources(Cycle& cycle) {
     // An urgent package may fall back to the Quillon Server's own sources.
     query.requestCodebases = cycle.request.urgentDownload;
   }
-  // A request that names no site query brought its sources with it.
-  if (query.url.empty()) return;
+  // A request that names no site query brought its sources with it; a
+  // source list younger than its expiry is used as it is.
+  if (query.url.empty() || SourcesAreFresh(cycle.request)) return;
   if (!cycle.folder.empty()) {
     PackageLog history(*services_.log, *settings_);
     try {
@@ -243,6 +255,14 @@ void DownloadCycle::ObtainSources(Cycle& cycle) {
                        "Security key for package validation is required, but does not exist. Future package "
                        "validation & processing is not possible.");
   }
+}
+
+bool DownloadCycle::SourcesAreFresh(PackageRequest& request) {
+  const FileTime expiry = static_cast<FileTime>(settings_->PackageSourceExpiryMinutes()) * kFileTimeTicksPerMinute;
+  auto lock = request.Lock();
+  if (request.codebases.empty() || request.sourceTime == 0) return false;
+  const FileTime now = services_.clock->Now();
+  return now >= request.sourceTime && now - request.sourceTime < expiry;
 }
 
 void DownloadCycle::LoadStoredSnapshot(PackageRequest& request) {

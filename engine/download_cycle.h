@@ -22,6 +22,7 @@
 
 #include <pkgdlv/agent_services.h>
 
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -75,7 +76,14 @@ class DownloadCycle final : public PackageDownloader {
   void BeginLine(PackageRequest& request);
   void SaveProgress();
   void ObtainSources(Cycle& cycle);
+  // The package's source list came from the Quillon Server less than
+  // "Package Source Expiry (mins)" ago.
+  bool SourcesAreFresh(PackageRequest& request);
   void LoadStoredSnapshot(PackageRequest& request);
+  void PeerStep(Cycle& cycle);
+  // A package server of the request lies in one of this computer's IPv4
+  // networks.
+  bool HasLocalSubnetServer(Cycle& cycle);
   void RunPasses(Cycle& cycle);
   bool RunOnePass(Cycle& cycle, std::vector<CodebaseEntry>& tried, std::vector<std::string>& badServers);
 
@@ -86,8 +94,13 @@ class DownloadCycle final : public PackageDownloader {
   void AdoptSnapshot(Cycle& cycle, Snapshot& received);
   void ComputeUpdateList(Cycle& cycle);
   void YieldIfOvertaken(Cycle& cycle);
+  // Passes when the package's file system has room for what is missing;
+  // else moves a package that is not in a fixed store to the first other
+  // store folder with room for all of it, or fails with 0x80070070.
   void CheckFreeSpace(Cycle& cycle);
+  bool MoveToStore(Cycle& cycle, const std::filesystem::path& target);
   void DownloadFiles(Cycle& cycle, const ServerSelection& server, bool multicastAllowed);
+  void NoteServerFailure(Cycle& cycle, const std::string& location);
   void CheckStopAndRelocation(Cycle& cycle, std::string_view stopText);
   void ThrowIfInterrupted(Cycle& cycle);
 
@@ -97,6 +110,9 @@ class DownloadCycle final : public PackageDownloader {
   PackageDownload download_;
   BlockDownload blocks_;
   Cycle* cycle_ = nullptr;  // while PerformDownload runs
+  // How the cycle used multicast, for its end line.
+  enum class MulticastUse { kNone, kAttempted, kUsed };
+  MulticastUse multicastUse_ = MulticastUse::kNone;
   // Kept from PerformDownload for CycleEnded.
   DownloadRecord record_;
   DownloadQueue* queue_ = nullptr;

@@ -23,7 +23,12 @@ struct DownloadCycle::Cycle {
   Result code = 0;
   std::string description;
   bool sourcesObtained = false;
-  bool forceSnapshot = false;  // the first pass fetches the snapshot whatever is held
+  bool forceSnapshot = false;
+  // The peer step: the search's result bits, peers in use, and peers that
+  // hold the package but did not answer (the servers are not tried).
+  uint32_t peerResult = 0;
+  bool peerMode = false;
+  bool waitForPeer = false;  // the first pass fetches the snapshot whatever is held
   FileTime busyUntil = 0;  // a busy Quillon Server's earliest retry time
   // The files still to fetch and the blocks already good, from the last
   // update list.

@@ -7,11 +7,13 @@
 #include <string>
 
 #include "agent/logger.h"
+#include "agent/server_profile.h"
 #include "agent/volume_info.h"
 #include "engine/download_cycle.h"
 #include "engine/download_cycle_state.h"
 #include "engine/download_queue.h"
 #include "engine/server_selection.h"
+#include "engine/transfer_control.h"
 #include "multicast/multicast_core.h"
 #include "multicast/multicast_engine.h"
 #include "records/delivery_settings.h"
@@ -135,7 +137,10 @@ void DownloadCycle::FetchSnapshot(Cycle& cycle, const ServerSelection& server, S
   }
   const bool fetched = download_.DownloadSnapshot(query, received);
   WipeString(query.encryptedPassword);
-  if (!fetched) Throw(download_.LastResult(), "%ls", download_.LastDescription());
+  if (!fetched) {
+    NoteServerFailure(cycle, server.snapshotLocation.empty() ? server.location : server.snapshotLocation);
+    Throw(download_.LastResult(), "%ls", download_.LastDescription());
+  }
 }
 
 // The received snapshot replaces the one held: its signature must check,
@@ -162,6 +167,20 @@ void DownloadCycle::AdoptSnapshot(Cycle& cycle, Snapshot& received) {
     Throw(result::kFail, "Failed to save the snapshot of package '%ls'", cycle.id.ToString());
   }
   cycle.request.snapshot() = std::move(received);
+}
+
+// A server that could not be reached, or whose transfer broke off, counts
+// against it in the profile, so that the next selection prefers another.
+// Failures the server answered in good form (a refused document, a bad
+// block) are the transport's to record; a cancellation is nobody's fault.
+void DownloadCycle::NoteServerFailure(Cycle& cycle, const std::string& location) {
+  if (download_.TransportEndedNormally() || cycle.transfer.Reason() != kNotInterrupted) return;
+  if (cycle.engine.stop.IsSet() || !services_.server_profile) return;
+  try {
+    services_.server_profile->AddError(location);
+  } catch (...) {
+    services_.log->Log(loglevel::kWarning, kComponent, "Failed to add Server Profile error. Url: %ls", location);
+  }
 }
 
 void DownloadCycle::ComputeUpdateList(Cycle& cycle) {
@@ -202,20 +221,6 @@ void DownloadCycle::YieldIfOvertaken(Cycle& cycle) {
   Throw(kPackageSuspended, "Package suspended");
 }
 
-void DownloadCycle::CheckFreeSpace(Cycle& cycle) {
-  if (!services_.volumes) return;
-  fs::path existing = cycle.folder;
-  while (!existing.empty() && !fs::exists(existing)) existing = existing.parent_path();
-  if (existing.empty()) return;
-  std::optional<VolumeDetails> volume = services_.volumes->Query(existing);
-  if (!volume || !volume->fixedDrive) return;
-  const uint64_t need = cycle.missingBytes * 6 / 5 + settings_->MinDiskFreeSpaceBytes();
-  if (volume->freeBytes >= need) return;
-  // Linux has no further drives to try: the package stays in the work folder.
-  services_.log->Log(loglevel::kError, kComponent, "Cannot download the package, there is not enough space on the disk");
-  Throw(result::kDiskFull, "There is not enough space on the disk");
-}
-
 void DownloadCycle::DownloadFiles(Cycle& cycle, const ServerSelection& server, bool multicastAllowed) {
   Logger& log = *services_.log;
   CheckStopAndRelocation(cycle, "Agent is stopping, skip downloading the files.");
@@ -233,6 +238,11 @@ void DownloadCycle::DownloadFiles(Cycle& cycle, const ServerSelection& server, b
       log.Log(loglevel::kTrace, kComponent, "DownloadFiles: Trying to download the package files (using Multicast) (%s)",
               label);
       const int multicast = cycle.engine.multicast.Download_Try(cycle.id, cycle.missingBytes);
+      if (multicast == kMulticastReceived) {
+        multicastUse_ = MulticastUse::kUsed;
+      } else if (multicast != kMulticastNotAttempted && multicastUse_ == MulticastUse::kNone) {
+        multicastUse_ = MulticastUse::kAttempted;
+      }
       if (!cycle.transfer.IsCancelled()) {
         if (multicast == kMulticastReceived) return;
         if (multicast != kMulticastNothing && multicast != kMulticastNotAttempted) ComputeUpdateList(cycle);
@@ -276,7 +286,10 @@ void DownloadCycle::DownloadFiles(Cycle& cycle, const ServerSelection& server, b
   input.sourceUrl = server.location;
   const Result code = blocks_.DownloadAttempt(input);
   WipeString(input.encryptedPassword);
-  if (code != 0) Throw(code, "%ls", download_.LastDescription());
+  if (code != 0) {
+    NoteServerFailure(cycle, server.location);
+    Throw(code, "%ls", download_.LastDescription());
+  }
 }
 
 }  // namespace pkgdlv

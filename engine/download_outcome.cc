@@ -36,7 +36,7 @@ void PackageManager::PerformDownload(const std::shared_ptr<PackageRequest>& requ
     }
   }
   AttemptOutcome outcome;
-  DownloadContext engine{stop_, relocationRequested_, queue_, queueLock_, multicast_, *peers_};
+  DownloadContext engine{stop_, relocationRequested_, queue_, queueLock_, multicast_, *peers_, store_};
   try {
     outcome = downloader_->PerformDownload(*request, transfer, engine);
   } catch (...) {

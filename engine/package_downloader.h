@@ -17,6 +17,7 @@ namespace pkgdlv {
 class DownloadQueue;
 class MulticastEngine;
 class PackageRequest;
+class PackageStore;
 class PeerDirectory;
 class TransferControl;
 
@@ -50,6 +51,7 @@ struct DownloadContext {
   std::recursive_mutex& queueLock;
   MulticastEngine& multicast;
   PeerDirectory& peers;
+  PackageStore& store;  // where "package.xml" is kept, whatever folder holds the files
 };
 
 class PackageDownloader {

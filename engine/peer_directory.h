@@ -3,6 +3,8 @@
 // holds and forgets packages that are gone.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 
 #include "util/guid.h"
@@ -10,6 +12,14 @@
 namespace pkgdlv {
 
 class PackageRequest;
+
+// What a search for peers holding a package found.
+struct PeerSearch {
+  static constexpr uint32_t kPeerMode = 0x1;        // peers serve this package: a peer download
+  static constexpr uint32_t kCountWaitAttempt = 0x2;  // a failed wait for peers counts as an attempt
+  uint32_t result = 0;
+  size_t peersFound = 0;
+};
 
 class PeerDirectory {
  public:
@@ -23,6 +33,12 @@ class PeerDirectory {
   // The package is withdrawn and announced again (its status changed).
   virtual void Republish(const Guid& id) = 0;
   virtual void DropPackage(const Guid& id) = 0;
+  // Looks for peers that hold the package's blocks (engine thread, in the
+  // download cycle, only while State() is kRunningState). May throw Error.
+  virtual PeerSearch FindPeers(PackageRequest& request) {
+    (void)request;
+    return {};
+  }
 };
 
 // The Linux agent runs no peer directory: its state is never running and it

@@ -138,10 +138,13 @@ bool CopyFileInBlocks(const fs::path& source, const fs::path& target, const Even
   return ok;
 }
 
-// Copies source's tree to target (which must not exist), leaving working
-// files and symbolic links behind. error: the errno of the first failure
-// (ECANCELED when stopped).
-bool CopyTree(const fs::path& source, const fs::path& target, const Event* stop, int& error) {
+int SystemRename(const fs::path& from, const fs::path& to) {
+  return std::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+bool CopyFolderTree(const fs::path& source, const fs::path& target, const Event* stop, int& error) {
   std::error_code ec;
   fs::create_directory(target, ec);
   if (ec) {
@@ -158,7 +161,7 @@ bool CopyTree(const fs::path& source, const fs::path& target, const Event* stop,
     std::error_code typeError;
     const fs::file_status status = it->symlink_status(typeError);
     if (fs::is_directory(status)) {
-      if (!CopyTree(it->path(), target / name, stop, error)) return false;
+      if (!CopyFolderTree(it->path(), target / name, stop, error)) return false;
     } else if (fs::is_regular_file(status)) {
       if (!CopyFileInBlocks(it->path(), target / name, stop, error)) return false;
     }
@@ -166,12 +169,6 @@ bool CopyTree(const fs::path& source, const fs::path& target, const Event* stop,
   if (ec) error = ec.value();
   return !ec;
 }
-
-int SystemRename(const fs::path& from, const fs::path& to) {
-  return std::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
-}
-
-}  // namespace
 
 // One package of a move: the entry in the old folder, the folder it really
 // is (the entry, or where its link leads) and where it goes.
@@ -257,7 +254,7 @@ bool StoreMover::Place(Step& step) {
     return true;
   }
   if (error == EXDEV) {
-    if (CopyTree(step.source, step.target, stop_, error)) {
+    if (CopyFolderTree(step.source, step.target, stop_, error)) {
       step.copied = true;
       return true;
     }

@@ -41,6 +41,13 @@ struct StoreSize {
 // Measures the package folders of workFolder (symbolic links are not followed).
 StoreSize MeasureStore(const std::filesystem::path& workFolder);
 
+// Copies source's tree to target (which must not exist), time stamps kept,
+// leaving working files and symbolic links behind. stop (may be null) ends
+// the copy between files and blocks. error: the errno of the first failure
+// (ECANCELED when stopped). A failed copy may leave part of target behind.
+bool CopyFolderTree(const std::filesystem::path& source, const std::filesystem::path& target, const Event* stop,
+                    int& error);
+
 enum class MoveResult {
   kAllMoved = 0,     // every package is in the new folder
   kPartlyMoved = 1,  // some packages are still reached through links to their old place

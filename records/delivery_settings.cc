@@ -1,8 +1,12 @@
 #include "records/delivery_settings.h"
 
+#include <algorithm>
 #include <array>
 #include <limits>
 #include <string>
+
+#include "agent/logger.h"
+#include "util/strings.h"
 
 namespace pkgdlv {
 namespace {
@@ -72,7 +76,28 @@ uint32_t WholeMinutes(int64_t milliseconds) {
 }  // namespace
 
 DeliverySettings::DeliverySettings(SettingsStore& store, Logger& log)
-    : settings_(store, log, std::string(kDeliverySettingsKey)) {}
+    : settings_(store, log, std::string(kDeliverySettingsKey)), log_(log) {}
+
+std::vector<std::filesystem::path> DeliverySettings::OtherStoreFolders() {
+  const std::string text = settings_.ReadText(kOtherStoreFoldersName, "");
+  std::vector<std::filesystem::path> folders;
+  size_t start = 0;
+  while (start <= text.size() && folders.size() < kMaxOtherStoreFolders) {
+    const size_t end = std::min(text.find(';', start), text.size());
+    const std::string entry(TrimAscii(std::string_view(text).substr(start, end - start)));
+    start = end + 1;
+    if (entry.empty()) continue;
+    const std::filesystem::path folder(entry);
+    const bool climbs = std::any_of(folder.begin(), folder.end(), [](const auto& part) { return part == ".."; });
+    if (!folder.is_absolute() || climbs) {
+      log_.Log(loglevel::kWarning, "PackageManager", "'%ls' in '%ls' is not an absolute folder and is not used", entry,
+               kOtherStoreFoldersName);
+      continue;
+    }
+    folders.push_back(folder.lexically_normal());
+  }
+  return folders;
+}
 
 std::span<const DeliverySettingRule> DeliverySettings::Rules() { return kRules; }
 

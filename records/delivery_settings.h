@@ -15,7 +15,9 @@
 
 #include <cstdint>
 #include <span>
+#include <filesystem>
 #include <string_view>
+#include <vector>
 
 #include "agent/logger.h"
 #include "agent/object_settings.h"
@@ -82,6 +84,15 @@ class DeliverySettings {
   uint32_t ServerRequestMaxBackoffMinutes() { return Read32(DeliverySetting::kServerRequestMaxBackoff); }
   uint32_t MaxDecryptFailures() { return Read32(DeliverySetting::kMaxDecryptFailures); }
 
+  // The other store folders a package may move to when its own file system
+  // lacks space: the text value kOtherStoreFoldersName, absolute folders
+  // separated by ';', tried in order. Entries that are not absolute, or
+  // climb with "..", are left out with a warning; at most
+  // kMaxOtherStoreFolders are used. Empty when the value is absent.
+  static constexpr std::string_view kOtherStoreFoldersName = "Package Store Folders";
+  static constexpr size_t kMaxOtherStoreFolders = 26;
+  std::vector<std::filesystem::path> OtherStoreFolders();
+
   // Stored unchanged.
   void SetHistorySize(uint32_t count);
   // Stored as whole minutes: milliseconds / 60000, truncated toward zero.
@@ -98,6 +109,7 @@ class DeliverySettings {
   void Write(DeliverySetting id, uint32_t stored);
 
   ObjectSettings settings_;
+  Logger& log_;
 };
 
 }  // namespace pkgdlv

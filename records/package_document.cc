@@ -229,6 +229,7 @@ bool PackageRequest::ReadStore(const xml::Node& root) {
     fixedStore = true;
   }
   if (std::optional<std::string> v = root.Attribute("fixedStore")) fixedStore = ReadBool(*v);
+  otherStore = !fileStore.empty() && !fixedStore;
   if (std::optional<std::string> v = root.Attribute("priority")) priority = ParsePriorityName(*v);
   return true;
 }
@@ -352,7 +353,8 @@ std::string PackageRequest::ToXml(PasswordForm form) const {
   if (downloadStartSLA >= 0) writer.Attribute("downloadStartSLA", std::to_string(downloadStartSLA));
   if (SLAStartTime != 0) writer.Attribute("SLAStartTime", FormatDocumentTime(SLAStartTime, DateForm::kIsoT));
   writer.Attribute("sourceKey", sourceKey);
-  if (fixedStore) writer.Attribute("fileStore", snapshot_.path);
+  if (fixedStore || otherStore) writer.Attribute("fileStore", snapshot_.path);
+  if (otherStore && !fixedStore) writer.Attribute("fixedStore", "false");
 
   if (hasSnapshot) WriteEmbeddedSnapshot(writer);
   if (!location.empty()) {

@@ -129,6 +129,10 @@ class PackageRequest {
   int32_t priority = PKGDLV_PRI_NORMAL;
   std::string statusDescription;
   bool fixedStore = false;   // lives in a caller-chosen folder ("fileStore")
+  // Moved by the engine to another store folder for space ("fileStore" with
+  // fixedStore="false"): its document stays in the work folder, its files
+  // live there, and it may be moved again.
+  bool otherStore = false;
   bool remote = false;       // only referenced, not brought into the store
   bool hasSnapshot = false;  // the request document carried a Snapshot element
   std::vector<CodebaseEntry> codebases;
