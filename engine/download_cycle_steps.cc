@@ -290,6 +290,28 @@ void DownloadCycle::DownloadFiles(Cycle& cycle, const ServerSelection& server, b
     NoteServerFailure(cycle, server.location);
     Throw(code, "%ls", download_.LastDescription());
   }
+  MarkVerifiedFiles(cycle);
+}
+
+// Every block of a file that the transfer wrote was checked against the
+// signed snapshot first: a file whose blocks are all in the local map is
+// valid, and the checks after the transfer need not read it again (its size
+// and time are still compared).
+void DownloadCycle::MarkVerifiedFiles(Cycle& cycle) {
+  auto lock = cycle.request.Lock();
+  Snapshot& held = cycle.request.snapshot();
+  const uint32_t blockSize = held.blockSize;
+  for (const SnapshotEntry& listed : cycle.updateList.entries) {
+    const uint64_t blocks = listed.BlockCount(blockSize);
+    if (!listed.IsFile() || blocks == 0 || listed.firstBlock == kNoBlock) continue;
+    const uint64_t last = listed.firstBlock + blocks - 1;
+    if (last >= cycle.good.size()) continue;
+    if (cycle.good.CountInRange(listed.firstBlock, static_cast<uint32_t>(last)) != blocks) continue;
+    if (SnapshotEntry* entry = held.FindEntry(listed.folder, listed.name)) {
+      entry->state = entrystate::kValid;
+      entry->validBytes = entry->size;
+    }
+  }
 }
 
 }  // namespace pkgdlv
