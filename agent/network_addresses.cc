@@ -3,7 +3,9 @@
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>
+#include <netdb.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -58,6 +60,28 @@ std::vector<Ipv4Network> NetworkAddresses::IPv4Networks() {
     if (inet_pton(AF_INET, text.c_str(), &address) == 1) networks.push_back({ntohl(address.s_addr), 0xFFFFFFFFu});
   }
   return networks;
+}
+
+std::vector<uint32_t> ResolveIPv4(const std::string& host) {
+  in_addr literal{};
+  if (inet_pton(AF_INET, host.c_str(), &literal) == 1) return {ntohl(literal.s_addr)};
+  std::vector<uint32_t> addresses;
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) return addresses;
+  for (addrinfo* item = found; item != nullptr; item = item->ai_next) {
+    addresses.push_back(ntohl(reinterpret_cast<const sockaddr_in*>(item->ai_addr)->sin_addr.s_addr));
+  }
+  freeaddrinfo(found);
+  return addresses;
+}
+
+std::string FormatIPv4(uint32_t address) {
+  in_addr value{htonl(address)};
+  char text[INET_ADDRSTRLEN] = {};
+  return inet_ntop(AF_INET, &value, text, sizeof text) ? text : "";
 }
 
 std::shared_ptr<NetworkAddresses> NewSystemNetworkAddresses() { return std::make_shared<SystemNetworkAddresses>(); }

@@ -34,4 +34,11 @@ class NetworkAddresses {
 // getifaddrs.
 std::shared_ptr<NetworkAddresses> NewSystemNetworkAddresses();
 
+// The IPv4 addresses of host (host byte order): the address itself when host
+// is one, else what the system's resolver answers; empty when it answers
+// nothing. Blocks for as long as the resolver takes.
+std::vector<uint32_t> ResolveIPv4(const std::string& host);
+// "a.b.c.d" of an address in host byte order.
+std::string FormatIPv4(uint32_t address);
+
 }  // namespace pkgdlv

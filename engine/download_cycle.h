@@ -101,6 +101,7 @@ class DownloadCycle final : public PackageDownloader {
   bool MoveToStore(Cycle& cycle, const std::filesystem::path& target);
   void DownloadFiles(Cycle& cycle, const ServerSelection& server, bool multicastAllowed);
   void NoteServerFailure(Cycle& cycle, const std::string& location);
+  std::string SettleSiteOutbound(const std::string& location);
   void MarkVerifiedFiles(Cycle& cycle);
   void CheckStopAndRelocation(Cycle& cycle, std::string_view stopText);
   void ThrowIfInterrupted(Cycle& cycle);

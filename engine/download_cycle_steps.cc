@@ -7,6 +7,7 @@
 #include <string>
 
 #include "agent/logger.h"
+#include "agent/network_addresses.h"
 #include "agent/server_profile.h"
 #include "agent/volume_info.h"
 #include "engine/download_cycle.h"
@@ -19,6 +20,7 @@
 #include "records/delivery_settings.h"
 #include "snapshot/file_operations.h"
 #include "snapshot/validation.h"
+#include "transport/site_limits.h"
 #include "transport/url_parts.h"
 #include "util/atomic_file.h"
 #include "util/error.h"
@@ -169,6 +171,45 @@ void DownloadCycle::AdoptSnapshot(Cycle& cycle, Snapshot& received) {
   cycle.request.snapshot() = std::move(received);
 }
 
+// The site whose outbound transfers this download counts against: the
+// server's site when it lies in another site than this computer, the main
+// site when it lies in none; none for a transfer inside this computer's
+// site, for a local folder, or when the agent knows no sites.
+std::string DownloadCycle::SettleSiteOutbound(const std::string& location) {
+  Logger& log = *services_.log;
+  if (!siteLimits_) return {};
+  const std::string localSite = siteLimits_->LocalSiteId();
+  const std::string host = HostOfLocation(location);
+  if (localSite.empty() || host.empty()) return {};
+  const std::vector<uint32_t> addresses = ResolveIPv4(host);
+  const std::string remote = addresses.empty() ? host : FormatIPv4(addresses.front());
+  std::string site;
+  try {
+    if (addresses.empty()) Throw(result::kFail, "The server's address is not known");
+    site = siteLimits_->SiteOfAddress(addresses.front());
+  } catch (const Error&) {
+    log.Log(loglevel::kWarning, kComponent,
+            "Failed to get site ID for remote IP: %ls. Site outbound data transfer limitation will not be used", remote);
+    return {};
+  }
+  if (!site.empty()) {
+    if (EqualsNoCase(site, localSite)) {
+      log.Log(loglevel::kInfo, kComponent, "Detected site internal request. Remote IP: %ls.", remote);
+      return {};
+    }
+    log.Log(loglevel::kInfo, kComponent, "Detected site outbound request. Site ID: %ls, remote IP: %ls", site, remote);
+    return site;
+  }
+  site = siteLimits_->MainSiteId();
+  if (site.empty()) {
+    log.Log(loglevel::kWarning, kComponent,
+            "Failed to get main site ID. Site outbound data transfer limitation will not be used");
+    return {};
+  }
+  log.Log(loglevel::kInfo, kComponent, "Detected site outbound request. Site ID=%ls", site);
+  return site;
+}
+
 // A server that could not be reached, or whose transfer broke off, counts
 // against it in the profile, so that the next selection prefers another.
 // Failures the server answered in good form (a refused document, a bad
@@ -284,6 +325,7 @@ void DownloadCycle::DownloadFiles(Cycle& cycle, const ServerSelection& server, b
   input.updateList = &cycle.updateList;
   input.localMap = &cycle.good;
   input.sourceUrl = server.location;
+  input.siteId = SettleSiteOutbound(server.location);
   const Result code = blocks_.DownloadAttempt(input);
   WipeString(input.encryptedPassword);
   if (code != 0) {

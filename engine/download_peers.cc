@@ -2,10 +2,6 @@
 // asked for the package before the package servers. A package server in this
 // computer's subnet is preferred when the peer configuration says so; a
 // package that failed often enough leaves the peers alone.
-#include <arpa/inet.h>
-#include <netdb.h>
-#include <sys/socket.h>
-
 #include <string>
 #include <vector>
 
@@ -25,24 +21,6 @@ namespace {
 
 constexpr std::string_view kComponent = "PackageManager";
 
-// The IPv4 addresses of host: the address itself, else what the resolver
-// gives.
-std::vector<uint32_t> AddressesOf(const std::string& host) {
-  std::vector<uint32_t> addresses;
-  in_addr literal{};
-  if (inet_pton(AF_INET, host.c_str(), &literal) == 1) return {ntohl(literal.s_addr)};
-  addrinfo hints{};
-  hints.ai_family = AF_INET;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) return addresses;
-  for (addrinfo* item = found; item != nullptr; item = item->ai_next) {
-    addresses.push_back(ntohl(reinterpret_cast<const sockaddr_in*>(item->ai_addr)->sin_addr.s_addr));
-  }
-  freeaddrinfo(found);
-  return addresses;
-}
-
 }  // namespace
 
 bool DownloadCycle::HasLocalSubnetServer(Cycle& cycle) {
@@ -58,7 +36,7 @@ bool DownloadCycle::HasLocalSubnetServer(Cycle& cycle) {
       if (!codebase.packageServer) continue;
       const std::string host = HostOfLocation(codebase.location);
       if (host.empty()) continue;
-      for (uint32_t address : AddressesOf(host)) {
+      for (uint32_t address : ResolveIPv4(host)) {
         for (const Ipv4Network& network : networks) {
           if (network.Contains(address)) return true;
         }

@@ -7,7 +7,12 @@
 //     "Outbound Limit": the site's limit, read as a signed 32-bit number; a
 //     missing or negative value (0xFFFFFFFF) means no limit;
 //   key "Communications\Package Delivery\Sites", text value
-//     "Site Transfer Server URL": the server URL (no trailing "/QS/...").
+//     "Site Transfer Server URL": the server URL (no trailing "/QS/...");
+//   the same key, text values "Local Site" (this computer's site) and
+//     "Main Site" (the site of the Quillon Server);
+//   key "Communications\Package Delivery\Sites\<site id>", text value
+//     "Subnets": the site's IPv4 networks, "a.b.c.d/n" separated by ';'.
+// Without a "Local Site" the agent knows no sites: no transfer is limited.
 //
 // Threads: any thread may call; the settings store synchronises itself.
 #pragma once
@@ -24,6 +29,9 @@ class SettingsStore;
 inline constexpr std::string_view kSitesSettingsKey = "Communications\\Package Delivery\\Sites";
 inline constexpr std::string_view kSiteOutboundLimitValue = "Outbound Limit";
 inline constexpr std::string_view kSiteTransferServerUrlValue = "Site Transfer Server URL";
+inline constexpr std::string_view kLocalSiteValue = "Local Site";
+inline constexpr std::string_view kMainSiteValue = "Main Site";
+inline constexpr std::string_view kSiteSubnetsValue = "Subnets";
 
 class SiteLimits {
  public:
@@ -34,6 +42,16 @@ class SiteLimits {
   // The Quillon Server URL for site transfer requests; empty when none is
   // known. Never throws.
   virtual std::string SiteTransferServerUrl(std::string_view siteId) = 0;
+  // This computer's site; empty when the agent knows no sites. Never throws.
+  virtual std::string LocalSiteId() { return {}; }
+  // The site whose networks hold address (IPv4, host byte order); empty
+  // when none does. Throws Error when the sites cannot be read.
+  virtual std::string SiteOfAddress(uint32_t address) {
+    (void)address;
+    return {};
+  }
+  // The site of the Quillon Server; empty when unknown. Never throws.
+  virtual std::string MainSiteId() { return {}; }
 };
 
 // The settings-store implementation described above. A limit stored as text

@@ -123,7 +123,7 @@ class DownloadCycleFixture : public ::testing::Test {
   // The engine of the test, made at first use; its thread is not started.
   PackageManager& Engine() {
     if (!engine_) {
-      cycle_ = std::make_shared<DownloadCycle>(env_.services, nullptr);
+      cycle_ = std::make_shared<DownloadCycle>(env_.services, env_.services.site_limits);
       engine_ = std::make_unique<PackageManager>(env_.services, WorkFolder(), cycle_);
     }
     return *engine_;

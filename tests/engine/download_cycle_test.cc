@@ -8,6 +8,7 @@
 
 #include "agent/server_profile.h"
 #include "agent/settings_store.h"
+#include "transport/site_limits.h"
 #include "engine/download_cycle_fixture.h"
 
 namespace pkgdlv {
@@ -158,6 +159,53 @@ TEST_F(DownloadCycleTest, AServerThatFailedIsPassedOverInTheNextCycle) {
   EXPECT_EQ(History(PackageFolder()).entries.at(0).source, nginx_->Url("/pkg"));
   EXPECT_EQ(env_.services.server_profile->ErrorCount("127.0.0.2"), errors);
   EXPECT_TRUE(FilesMatchPublished(PackageFolder()));
+}
+
+// The package server (127.0.0.1) lies in site "Head"; this computer in
+// "Branch" or "Head". A download leaving a site with a limit reserves a slot
+// with the Quillon Server first and gives it back at the end.
+TEST_F(DownloadCycleTest, ADownloadLeavingItsSiteReservesAnOutboundSlot) {
+  struct Case {
+    const char* localSite;
+    std::string answer;  // to the reservation requests
+    int32_t status;
+    std::vector<std::string> operations;
+    const char* line;
+  } cases[] = {
+      {"Branch", "<SiteTransfer/>", PKGDLV_VALID, {"Start", "Done"},
+       "Detected site outbound request. Site ID: Head, remote IP: 127.0.0.1"},
+      {"Branch", "<Error number=\"8004200D\"/>", PKGDLV_RETRYING, {"Start"}, "Site ID: Head"},
+      {"head", "<SiteTransfer/>", PKGDLV_VALID, {}, "Detected site internal request. Remote IP: 127.0.0.1."},
+  };
+  const std::string sites(kSitesSettingsKey);
+  env_.services.settings->Set(sites, kSiteTransferServerUrlValue, SettingValue::Text(sources_.Url("")));
+  env_.services.settings->Set(sites + "\\Head", kSiteSubnetsValue, SettingValue::Text("10.0.0.0/8; 127.0.0.0/8"));
+  env_.services.settings->Set(sites + "\\Head", kSiteOutboundLimitValue, SettingValue::Number(2));
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.localSite + (" " + c.answer));
+    engine_.reset();
+    fs::remove_all(WorkFolder());
+    env_.log->Clear();
+    env_.services.settings->Set(sites, kLocalSiteValue, SettingValue::Text(c.localSite));
+    AnswerSources(publicKey_);
+    sources_.AddFile("/QS/Agent/SiteTransfer.aspx", c.answer, {{"Content-Type", "text/xml"}});
+    const size_t before = sources_.Requests().size();
+    auto request = Request();
+    RunOneCycle(request);
+    EXPECT_EQ(request->status(), c.status) << request->statusDescription;
+    EXPECT_TRUE(env_.log->Contains(c.line));
+    std::vector<std::string> operations;
+    const std::vector<testing::RecordedRequest> requests = sources_.Requests();
+    for (size_t i = before; i < requests.size(); ++i) {
+      if (requests[i].path != "/QS/Agent/SiteTransfer.aspx") continue;
+      const std::string& query = requests[i].query;
+      const size_t op = query.find("op='");
+      ASSERT_NE(op, std::string::npos) << query;
+      operations.push_back(query.substr(op + 4, query.find('\'', op + 4) - op - 4));
+    }
+    EXPECT_EQ(operations, c.operations);
+    EXPECT_EQ(fs::exists(PackageFolder() / "readme.txt"), c.status == PKGDLV_VALID);
+  }
 }
 
 // A package that still misses more than 5,000,000 bytes gives way when
