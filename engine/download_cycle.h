@@ -90,7 +90,7 @@ class DownloadCycle final : public PackageDownloader {
   // The files still to fetch; with a server, a new snapshot is fetched first
   // when the one held cannot be trusted (or force is set).
   void GetUpdateList(Cycle& cycle, const ServerSelection* server, bool force);
-  void FetchSnapshot(Cycle& cycle, const ServerSelection& server, Snapshot& received);
+  void FetchSnapshot(Cycle& cycle, const ServerSelection& server, Snapshot& received, bool securityDataOptional);
   void AdoptSnapshot(Cycle& cycle, Snapshot& received);
   void ComputeUpdateList(Cycle& cycle);
   void YieldIfOvertaken(Cycle& cycle);

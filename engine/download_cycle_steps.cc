@@ -93,14 +93,17 @@ void DownloadCycle::GetUpdateList(Cycle& cycle, const ServerSelection* server, b
     Snapshot received(services_.log);
     received.path = cycle.folder;
     bool got = false;
+    // A package server of a package-server query may be of the older kind
+    // that keeps no security data: the Quillon Server supplies it below.
+    const bool packageServerQuery = EqualsNoCase(siteQueryType, kPackageServersQuery) && !siteQueryUrl.empty();
     if (!downloadsDisabled) {
-      FetchSnapshot(cycle, *server, received);
+      FetchSnapshot(cycle, *server, received, packageServerQuery);
       got = true;
     }
     // A snapshot without security data comes from an older package server:
     // the Quillon Server itself has the current one, with its signature.
     const bool legacy = got ? received.signature.empty() : !heldHasSecurityData;
-    if (EqualsNoCase(siteQueryType, kPackageServersQuery) && legacy && !siteQueryUrl.empty()) {
+    if (packageServerQuery && legacy) {
       services_.log->Log(loglevel::kInfo, kComponent,
                          "GetUpdateList: Received/existing snapshot is in legacy format. Request the latest snapshot "
                          "with security information from QS directly.");
@@ -108,7 +111,7 @@ void DownloadCycle::GetUpdateList(Cycle& cycle, const ServerSelection* server, b
       quillon.snapshotLocation = SiblingLocation(siteQueryUrl, kQuillonSnapshotPage);
       received = Snapshot(services_.log);
       received.path = cycle.folder;
-      FetchSnapshot(cycle, quillon, received);
+      FetchSnapshot(cycle, quillon, received, false);
       got = true;
     }
     const int32_t version = got ? static_cast<int32_t>(received.version) : 0;
@@ -122,7 +125,8 @@ void DownloadCycle::GetUpdateList(Cycle& cycle, const ServerSelection* server, b
   YieldIfOvertaken(cycle);
 }
 
-void DownloadCycle::FetchSnapshot(Cycle& cycle, const ServerSelection& server, Snapshot& received) {
+void DownloadCycle::FetchSnapshot(Cycle& cycle, const ServerSelection& server, Snapshot& received,
+                                  bool securityDataOptional) {
   ThrowIfInterrupted(cycle);
   SnapshotQuery query;
   query.packageId = cycle.id;
@@ -134,7 +138,7 @@ void DownloadCycle::FetchSnapshot(Cycle& cycle, const ServerSelection& server, S
     query.version = cycle.request.version();
     query.user = cycle.request.UserAccessName;
     query.encryptedPassword = cycle.request.UserAccessPassword();
-    query.securityDataOptional = cycle.request.optionalHashCheck();
+    query.securityDataOptional = securityDataOptional || cycle.request.optionalHashCheck();
     query.securityDataRequired = !query.securityDataOptional;
   }
   const bool fetched = download_.DownloadSnapshot(query, received);

@@ -124,7 +124,7 @@ class DownloadCycleFixture : public ::testing::Test {
   PackageManager& Engine() {
     if (!engine_) {
       cycle_ = std::make_shared<DownloadCycle>(env_.services, env_.services.site_limits);
-      engine_ = std::make_unique<PackageManager>(env_.services, WorkFolder(), cycle_);
+      engine_ = std::make_unique<PackageManager>(env_.services, WorkFolder(), cycle_, peers_);
     }
     return *engine_;
   }
@@ -164,6 +164,7 @@ class DownloadCycleFixture : public ::testing::Test {
   std::unique_ptr<NginxServer> nginx_;
   std::shared_ptr<FolderVolumes> volumes_ = std::make_shared<FolderVolumes>();
   std::string publicKey_;
+  std::shared_ptr<PeerDirectory> peers_;  // null: none runs
   std::shared_ptr<DownloadCycle> cycle_;
   std::unique_ptr<PackageManager> engine_;
   std::unique_ptr<DeliverySettings> settings_;

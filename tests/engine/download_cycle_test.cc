@@ -19,6 +19,24 @@ namespace fs = std::filesystem;
 
 class DownloadCycleTest : public testing::DownloadCycleFixture {};
 
+// A peer directory that runs and answers every search the same way.
+class RunningPeerDirectory final : public PeerDirectory {
+ public:
+  explicit RunningPeerDirectory(PeerSearch answer) : answer_(answer) {}
+  int State() override { return kRunningState; }
+  void RefreshPackageBlocks(PackageRequest&, bool) override {}
+  void Republish(const Guid&) override {}
+  void DropPackage(const Guid&) override {}
+  PeerSearch FindPeers(PackageRequest&) override {
+    ++searches;
+    return answer_;
+  }
+  int searches = 0;
+
+ private:
+  PeerSearch answer_;
+};
+
 TEST_F(DownloadCycleTest, ThePackageArrivesIntactAndTheHistoryRecordsTheCycle) {
   AnswerSources(publicKey_);
   auto request = Request();
@@ -158,6 +176,90 @@ TEST_F(DownloadCycleTest, AServerThatFailedIsPassedOverInTheNextCycle) {
   ASSERT_EQ(request->status(), PKGDLV_VALID) << request->statusDescription;
   EXPECT_EQ(History(PackageFolder()).entries.at(0).source, nginx_->Url("/pkg"));
   EXPECT_EQ(env_.services.server_profile->ErrorCount("127.0.0.2"), errors);
+  EXPECT_TRUE(FilesMatchPublished(PackageFolder()));
+}
+
+// Peers that hold the package but do not answer hold the servers back: the
+// cycle fails and waits for them, counting an attempt only when the search
+// says so. A package server in this computer's subnet is preferred to peers
+// when the peer configuration asks for that.
+TEST_F(DownloadCycleTest, ThePeerStepWaitsForPeersOrPrefersAServerInTheSubnet) {
+  struct Case {
+    const char* name;
+    uint32_t flags;         // of the peer configuration
+    uint32_t searchResult;  // what the peer search answers
+    bool attachFails;
+    int32_t status;
+    std::string description;
+    int searches;
+    int32_t attemptsCounted;
+    const char* line;
+  } cases[] = {
+      {"peers hold it, none answers", 0, PeerSearch::kPeerMode, false, PKGDLV_RETRYING,
+       "Waiting for peers that hold the package", 1, 0,
+       "Peer Downloading info: retry: 0, max: 3, delay: 60, wait for peer: yes, max rate: 0, find result: 1"},
+      {"the wait counts as an attempt", 0, PeerSearch::kPeerMode | PeerSearch::kCountWaitAttempt, false,
+       PKGDLV_RETRYING, "Waiting for peers that hold the package", 1, 1, "wait for peer: yes"},
+      {"no peer holds it", 0, 0, false, PKGDLV_VALID, "", 1, 0, "wait for peer: no, max rate: 0, find result: 0"},
+      {"a package server in the subnet", PeerConfiguration::kPreferLocalSubnetServers, PeerSearch::kPeerMode, false,
+       PKGDLV_VALID, "", 0, 0, "Found preferable Package Server in local subnet."},
+      {"no configuration", 0, 0, true, PKGDLV_RETRYING, "Can't attach to the configuration.", 0, 1, ""},
+  };
+  // The package server's path marks it as one ("/PS/Share/").
+  fs::create_directories(env_.dir / "pub" / "PS");
+  fs::create_directory_symlink(env_.dir / "pub", env_.dir / "pub" / "PS" / "Share");
+  env_.services.network_addresses = std::make_shared<testing::FixedNetworkAddresses>(std::vector<std::string>{"127.0.0.1"});
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    engine_.reset();
+    fs::remove_all(WorkFolder());
+    env_.log->Clear();
+    auto peers = std::make_shared<RunningPeerDirectory>(PeerSearch{c.searchResult, 0});
+    peers_ = peers;
+    auto config = std::make_shared<testing::FakePeerConfigurationSource>();
+    PeerConfiguration settings;
+    settings.flags = c.flags;
+    settings.peerRetryLimit = 3;
+    settings.retryDelaySeconds = 60;
+    config->Set(settings);
+    config->FailAttach(c.attachFails);
+    env_.services.peer_configuration = config;
+    AnswerSources(publicKey_, Codebase(nginx_->Url("/PS/Share/pkg"), nginx_->Url("/PS/Share/snap/snapshot.xml")));
+    auto request = Request();
+    RunOneCycle(request);
+    EXPECT_EQ(request->status(), c.status) << request->statusDescription;
+    if (c.status != PKGDLV_VALID) {
+      EXPECT_EQ(request->statusDescription, c.description);
+    }
+    EXPECT_EQ(peers->searches, c.searches);
+    EXPECT_EQ(Engine().queue().GetAttemptCount(request->id()), c.attemptsCounted);
+    EXPECT_TRUE(env_.log->Contains(c.line));
+  }
+}
+
+// A package server of the older kind keeps a snapshot without security data:
+// the Quillon Server that answered the package-server query supplies the
+// signed one, and without it nothing is trusted.
+TEST_F(DownloadCycleTest, ALegacySnapshotIsReplacedByTheQuillonServersSignedOne) {
+  Snapshot unsigned_(env_.log);
+  ASSERT_TRUE(unsigned_.LoadXml(testing::ReadFile(env_.dir / "pub" / "snap" / "snapshot.xml")));
+  testing::WriteFile(env_.dir / "pub" / "legacy" / "snapshot.xml", unsigned_.ComposeDocumentFile());
+  AnswerSources(publicKey_, Codebase(nginx_->Url("/pkg"), nginx_->Url("/legacy/snapshot.xml")));
+  for (const char* document : {"snapshot.xml", "snapdata.xml"}) {
+    sources_.AddFile(std::string("/QS/") + (document == std::string("snapshot.xml") ? "GetPackageSnapshot.aspx" : document),
+                     testing::ReadFile(env_.dir / "pub" / "snap" / document), {{"Content-Type", "text/xml"}});
+  }
+  auto request = std::make_shared<PackageRequest>(env_.services);
+  ASSERT_TRUE(request->LoadFromXml(std::string("<Package id=\"") + kCyclePackage +
+                                   "\" name=\"tool\" version=\"2\"><Source><SiteQuery url=\"" +
+                                   sources_.Url("/QS/GetPackageInfo.aspx") +
+                                   "\" resource=\"agent-7\" type=\"packageServers\"/></Source></Package>"));
+  RunOneCycle(request);
+
+  ASSERT_EQ(request->status(), PKGDLV_VALID) << request->statusDescription;
+  EXPECT_TRUE(env_.log->Contains("GetUpdateList: Received/existing snapshot is in legacy format."));
+  EXPECT_EQ(sources_.RequestCount("/QS/GetPackageSnapshot.aspx"), 1u);
+  EXPECT_EQ(testing::ReadFile(PackageFolder() / "snapshot.xml"), testing::ReadFile(env_.dir / "pub" / "snap" / "snapshot.xml"));
   EXPECT_TRUE(FilesMatchPublished(PackageFolder()));
 }
 
