@@ -3,6 +3,8 @@
 // to matching files. The steps of one pass are in download_cycle_steps.cc.
 #include "engine/download_cycle.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +23,7 @@
 #include "multicast/multicast_engine.h"
 #include "records/delivery_settings.h"
 #include "snapshot/snapshot_file.h"
+#include "snapshot/validation.h"
 #include "transport/server_answer.h"
 #include "util/error.h"
 #include "util/strings.h"
@@ -316,17 +319,52 @@ bool DownloadCycle::RunOnePass(Cycle& cycle, std::vector<CodebaseEntry>& tried, 
   }
 
   // A check, and one repair of what still differs.
+  const Snapshot fetched = cycle.updateList;
   GetUpdateList(cycle, nullptr, false);
   if (const size_t differing = cycle.FilesToUpdate(); differing != 0) {
     log.Log(loglevel::kWarning, kComponent, "The %d file(s) do not match the snapshot, download these files again",
             static_cast<int>(differing));
     DownloadFiles(cycle, server, false);
   }
+  RepairTimeStamps(cycle, fetched);
   GetUpdateList(cycle, nullptr, false);
   if (cycle.FilesToUpdate() == 0) return true;
   log.Log(loglevel::kWarning, kComponent, "Package files do not match the package snapshot.");
   if (cycle.engine.stop.IsSet()) Throw(result::kFail, "%ls", cycle.folder);
   return false;
+}
+
+// Files that came by another way than the block transfer (multicast, or a
+// copy the check found good) may carry other times than the snapshot's; the
+// snapshot's are set, so that the next checks do not take them for changed.
+void DownloadCycle::RepairTimeStamps(Cycle& cycle, const Snapshot& fetched) {
+  std::vector<std::pair<std::filesystem::path, FileTime>> differing;
+  {
+    auto lock = cycle.request.Lock();
+    const Snapshot& held = cycle.request.snapshot();
+    for (const SnapshotEntry& listed : fetched.entries) {
+      const SnapshotEntry* entry = listed.IsFile() ? held.FindEntry(listed.folder, listed.name) : nullptr;
+      if (!entry || entry->lastModified == 0) continue;
+      try {
+        const std::filesystem::path path = EntryPath(held, *entry);
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
+        if (FileTimeFromTimespec(info.st_mtim) != entry->lastModified) differing.emplace_back(path, entry->lastModified);
+      } catch (const Error&) {
+        // A name that would leave the package folder is never touched.
+      }
+    }
+  }
+  if (differing.empty()) return;
+  services_.log->Log(loglevel::kWarning, kComponent,
+                     "Some downloaded files have timestamps that do not match the snapshot. The timestamps on these "
+                     "files will be changed to match the snapshot, to prevent excessive network activity.");
+  for (const auto& [path, time] : differing) {
+    const timespec times[2] = {TimespecFromFileTime(time), TimespecFromFileTime(time)};
+    if (::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+      services_.log->Log(loglevel::kWarning, kComponent, "Failed to set file time for '%ls'", path.string());
+    }
+  }
 }
 
 void DownloadCycle::CheckStopAndRelocation(Cycle& cycle, std::string_view stopText) {

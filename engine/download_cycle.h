@@ -103,6 +103,7 @@ class DownloadCycle final : public PackageDownloader {
   void NoteServerFailure(Cycle& cycle, const std::string& location);
   std::string SettleSiteOutbound(const std::string& location);
   void MarkVerifiedFiles(Cycle& cycle);
+  void RepairTimeStamps(Cycle& cycle, const Snapshot& fetched);
   void CheckStopAndRelocation(Cycle& cycle, std::string_view stopText);
   void ThrowIfInterrupted(Cycle& cycle);
 

@@ -36,9 +36,11 @@ inline constexpr uint32_t kCycleBlockSize = 1048576;
 class FolderVolumes final : public VolumeInfo {
  public:
   void Set(const std::filesystem::path& folder, uint64_t freeBytes) { free_[folder.string()] = freeBytes; }
+  bool exactTimes = true;
   std::optional<VolumeDetails> Query(const std::filesystem::path& path) override {
     VolumeDetails details;
-    details.fileSystem = "ext4";
+    details.fileSystem = exactTimes ? "ext4" : "vfat";
+    details.exactTimes = exactTimes;
     details.freeBytes = UINT64_MAX / 2;
     size_t longest = 0;
     for (const auto& [folder, bytes] : free_) {

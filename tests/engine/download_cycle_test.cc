@@ -6,7 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include "agent/server_profile.h"
+#include "multicast/multicast_settings.h"
+#include "support/fake_multicast_core.h"
 #include "agent/settings_store.h"
 #include "transport/site_limits.h"
 #include "engine/download_cycle_fixture.h"
@@ -235,6 +239,42 @@ TEST_F(DownloadCycleTest, ThePeerStepWaitsForPeersOrPrefersAServerInTheSubnet) {
     EXPECT_EQ(Engine().queue().GetAttemptCount(request->id()), c.attemptsCounted);
     EXPECT_TRUE(env_.log->Contains(c.line));
   }
+}
+
+// Files that came by multicast are checked like any others; on a volume
+// whose times are not exact they pass with the times they came with, which
+// are then set to the snapshot's. Nothing is fetched from the server, and
+// the end line names the multicast download.
+TEST_F(DownloadCycleTest, FilesThatCameByMulticastTakeTheSnapshotsTimes) {
+  auto core = std::make_shared<testing::FakeMulticastCore>();
+  core->sessionsEndAtOnce = true;
+  core->onPrepare = [this] {
+    for (const char* file : {"bin/tool.bin", "readme.txt", "empty.dat"}) {
+      testing::WriteFile(PackageFolder() / file, testing::ReadFile(PublishedFiles() / file));
+    }
+  };
+  env_.services.multicast_core = core;
+  env_.services.settings->Set(kMulticastSettingsKey, "Enabled", SettingValue::Number(1));
+  env_.services.settings->Set(kMulticastSettingsKey, "Listen Range IP 1 Start", SettingValue::Text("10.0.0.1"));
+  env_.services.settings->Set(kMulticastSettingsKey, "Listen Range IP 1 End", SettingValue::Text(""));
+  volumes_->exactTimes = false;
+  AnswerSources(publicKey_);
+  Engine().multicast().Manage(MulticastEngine::kReevaluate);
+  ASSERT_EQ(Engine().multicast().Manage(MulticastEngine::kStart), MulticastEngine::kIdle);
+  auto request = Request();
+  RunOneCycle(request);
+
+  ASSERT_EQ(request->status(), PKGDLV_VALID) << request->statusDescription;
+  EXPECT_TRUE(env_.log->Contains("Some downloaded files have timestamps that do not match the snapshot."));
+  struct stat published {}, received {};
+  ASSERT_EQ(::stat((PublishedFiles() / "bin" / "tool.bin").c_str(), &published), 0);
+  ASSERT_EQ(::stat((PackageFolder() / "bin" / "tool.bin").c_str(), &received), 0);
+  // The snapshot keeps whole seconds.
+  const FileTime publishedTime = FileTimeFromTimespec(published.st_mtim);
+  EXPECT_EQ(FileTimeFromTimespec(received.st_mtim), publishedTime - publishedTime % kFileTimeTicksPerSecond);
+  EXPECT_EQ(nginx_->AccessLog().size(), 2u) << "the snapshot and its security data only";
+  EXPECT_TRUE(env_.log->Contains(std::string("End download for package: tool ") + kCyclePackage +
+                                 ". Status: Multicast download completed."));
 }
 
 // A package server of the older kind keeps a snapshot without security data:

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -58,6 +59,7 @@ class FakeMulticastCore final : public MulticastCore {
   void Shutdown() override { ++shutdowns; }
   bool CanDownload() override { return true; }
   std::shared_ptr<MulticastSession> PrepareDownload(const Guid&, uint64_t) override {
+    if (onPrepare) onPrepare();
     session = std::make_shared<FakeMulticastSession>();
     if (sessionsEndAtOnce) session->Finish(kMulticastReceived);
     prepared.Set();
@@ -77,6 +79,8 @@ class FakeMulticastCore final : public MulticastCore {
   // Sessions report every file received as soon as they run (a test that
   // does not expect one to run must not hang when it does).
   std::atomic<bool> sessionsEndAtOnce = false;
+  // Runs as a session is prepared: a test's stand-in for the files arriving.
+  std::function<void()> onPrepare;
   std::atomic<int> initialised = 0, reconfigured = 0, opened = 0, closed = 0, shutdowns = 0;
   std::shared_ptr<FakeMulticastSession> session;  // set by PrepareDownload before prepared
   Event prepared;
