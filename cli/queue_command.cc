@@ -1,7 +1,10 @@
 // pkgdlv queue [--work-folder DIR] [--json]: the packages of the work folder
 // that the engine would resume, in the order it would download them, with the
 // statuses the engine would set (a package whose files are all present shows
-// as valid). Read-only: no "package.xml" is written and no folder made.
+// as valid). While an engine holds the work folder (pkgdlv download in
+// another terminal), the live state instead: every unfinished package with
+// the status that engine saved (downloading, pending, retrying). Read-only:
+// no "package.xml" is written and no folder made.
 #include <iostream>
 #include <memory>
 #include <string>
@@ -11,6 +14,7 @@
 #include "cli/command_registry.h"
 #include "cli/work_folder.h"
 #include "engine/package_manager.h"
+#include "engine/work_folder_lock.h"
 #include "records/package_request.h"
 #include "util/display_text.h"
 #include "util/filetime.h"
@@ -24,11 +28,43 @@ struct QueueArgs {
   bool json = false;
 };
 
+// The unfinished packages as a running engine saved them.
+void ShowLiveState(PackageStore& store, const QueueArgs& args) {
+  nlohmann::json entries = nlohmann::json::array();
+  for (const Guid& id : store.ListPackageIds()) {
+    std::shared_ptr<PackageRequest> request = store.Find(id);
+    if (!request) continue;
+    auto lock = request->Lock();
+    const int32_t status = request->status();
+    if (status == PKGDLV_VALID || status == PKGDLV_INVALID) continue;
+    if (args.json) {
+      entries.push_back({{"id", id.ToString()},
+                         {"name", request->name},
+                         {"status", std::string(StatusName(status))},
+                         {"priority", request->priority},
+                         {"size", request->GetSize()},
+                         {"description", request->statusDescription}});
+    } else {
+      std::cout << Format("%ls  %-11ls %6ls %14I64d  %ls%ls\n", id.ToString(), std::string(StatusName(status)),
+                          PriorityName(request->priority), request->GetSize(), EscapeForDisplay(request->name),
+                          request->statusDescription.empty() || request->statusDescription == StatusName(status)
+                              ? std::string()
+                              : "  (" + EscapeForDisplay(request->statusDescription) + ")");
+    }
+  }
+  if (args.json) std::cout << entries.dump(2) << "\n";
+}
+
 void ShowQueue(Context& context, const QueueArgs& args) {
   AgentServices& services = context.services();
   const std::string folder = args.workFolder.empty() ? StoredWorkFolder(services).current() : args.workFolder;
   PackageManager engine(services, folder, nullptr);
   engine.store().SetReadOnly(true);
+  if (IsWorkFolderInUse(folder)) {
+    if (!args.json) std::cout << "(an engine is working in this folder: the live state)\n";
+    ShowLiveState(engine.store(), args);
+    return;
+  }
   engine.ResumeDownloads();
   while (engine.ResumeQueueSize() > 0) engine.ProcessResumeQueue();
 

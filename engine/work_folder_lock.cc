@@ -62,4 +62,13 @@ void WorkFolderLock::Close() {
   path_.clear();
 }
 
+bool IsWorkFolderInUse(const std::filesystem::path& folder) {
+  const std::filesystem::path path = folder / kWorkFolderLockFileName;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return false;
+  const bool held = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  ::close(fd);  // releases a shared lock taken here
+  return held;
+}
+
 }  // namespace pkgdlv

@@ -14,6 +14,10 @@ namespace pkgdlv {
 
 inline constexpr const char* kWorkFolderLockFileName = "pkgdlvlk.tmp";
 
+// Whether an engine (in any process) holds folder's lock now. Read-only: a
+// missing lock file means no; the file is opened for reading and only tested.
+bool IsWorkFolderInUse(const std::filesystem::path& folder);
+
 class WorkFolderLock {
  public:
   WorkFolderLock() = default;
