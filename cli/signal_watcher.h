@@ -21,7 +21,7 @@ namespace pkgdlv::cli {
 class SignalWatcher {
  public:
   // onSignal runs on the watcher thread at the first signal and again every
-  // tenth of a second after it, so that a cancel that came before the
+  // hundredth of a second after it, so that a cancel that came before the
   // operation began (and was forgotten by it) still reaches it.
   explicit SignalWatcher(std::function<void()> onSignal) : onSignal_(std::move(onSignal)) {
     sigemptyset(&signals_);
@@ -43,8 +43,9 @@ class SignalWatcher {
 
  private:
   void Watch() {
-    // A short time-out lets the destructor end the thread without a signal.
-    const timespec tick{0, 100'000'000};
+    // A short time-out lets the destructor end the thread without a signal;
+    // the destructor waits for it at the end of every command.
+    const timespec tick{0, 10'000'000};
     while (!stop_) {
       const int taken = sigtimedwait(&signals_, nullptr, &tick);
       if (taken <= 0) {

@@ -161,7 +161,6 @@ void BlockDownload::DownloadFile(const AttemptInput& input, FileRun& run) {
   if (ec) FailErrno(log, ec.value(), "Failed to create directory '%ls'", run.path.parent_path().string());
   run.file.Reset(::open(run.path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
   if (run.file.get() < 0) FailErrno(log, errno, "Failed to open the target file '%ls'", run.pathText);
-  ::posix_fadvise(run.file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 
   const Snapshot& snapshot = *input.snapshot;
   const DynamicBitset& local = *input.localMap;
@@ -239,8 +238,9 @@ void BlockDownload::WalkBlocks(const AttemptInput& input, FileRun& run) {
     }
     run.downloadedBlock = true;
     CollectBlock(input, run);  // the block before, checked and written meanwhile
-    writer_->Submit({index, offset, length});
+    const BlockWriter::Block block{index, offset, length};
     offset += length;
+    writer_->Submit(block, offset < run.size ? BlockWriter::Handling::kInBackground : BlockWriter::Handling::kNow);
   }
 }
 

@@ -45,7 +45,21 @@ std::optional<BlockWriter::Block> BlockWriter::Collect() {
   return block;
 }
 
-void BlockWriter::Submit(const Block& block) {
+void BlockWriter::Submit(const Block& block, Handling how) {
+  if (how == Handling::kNow) {
+    // Nothing is in hand (Collect came first): the thread is idle.
+    std::exception_ptr failure;
+    try {
+      Process(ownValidator_, block, std::span(buffers_[next_].data(), block.length));
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    std::lock_guard lock(mutex_);
+    inHand_ = block;
+    finished_ = true;
+    failure_ = failure;
+    return;
+  }
   {
     std::lock_guard lock(mutex_);
     pending_ = block;
@@ -68,7 +82,7 @@ void BlockWriter::Run() {
     lock.unlock();
     std::exception_ptr failure;
     try {
-      Process(block, data);
+      Process(validator_, block, data);
     } catch (...) {
       failure = std::current_exception();
     }
@@ -79,23 +93,22 @@ void BlockWriter::Run() {
   }
 }
 
-void BlockWriter::Process(const Block& block, std::span<const uint8_t> data) {
+void BlockWriter::Process(Validator& validator, const Block& block, std::span<const uint8_t> data) {
   const Snapshot& snapshot = *target_.snapshot;
   const SnapshotEntry& entry = *target_.entry;
   if (!entry.blockHashes.empty()) {
-    const Result code = validator_.ValidateBlock(snapshot, entry, block.index, data, target_.path, 0, true);
+    const Result code = validator.ValidateBlock(snapshot, entry, block.index, data, target_.path, 0, true);
     if (code == validation::kBadBlock) {
       throw Error(code, Format("Block %u (%u/%u) is invalid for file '%ls'", block.index,
                                entry.firstBlock + block.index + 1, snapshot.totalBlocks, target_.path));
     }
     if (code != 0) throw Error(code, Format("Failed to calculate block hash for file '%ls'", target_.path));
   }
-  if (::lseek(target_.fd, static_cast<off_t>(block.offset), SEEK_SET) < 0) {
-    FailErrno(log_, errno, "Failed to write to file '%ls', failed to change the position", target_.path);
-  }
+  // One call for the place and the bytes: no separate seek per block.
   size_t written = 0;
   while (written < data.size()) {
-    const ssize_t n = ::write(target_.fd, data.data() + written, data.size() - written);
+    const ssize_t n = ::pwrite(target_.fd, data.data() + written, data.size() - written,
+                               static_cast<off_t>(block.offset + written));
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) FailErrno(log_, errno, "Failed to write to file '%ls'", target_.path);
     if (n == 0) {

@@ -3,8 +3,9 @@
 // the blocks are still requested one at a time, in file order.
 //
 // The pipeline holds at most two buffers: the one the writer works on and
-// the one the next request fills. Block n + 1 is keyed with the snapshot's
-// expected hash of block n, so a check never waits for another one.
+// the one the next request fills, so a process that is killed loses at most
+// those two blocks. Block n + 1 is keyed with the snapshot's expected hash of
+// block n, so a check never waits for another one.
 //
 // Use, per file: Begin, then for each block Buffer (fill it), Collect (the
 // block before: written, or its failure thrown), Submit; at the end (and on
@@ -51,6 +52,11 @@ class BlockWriter {
     uint64_t offset = 0;
     uint32_t length = 0;
   };
+  // Where Submit verifies and writes a block: on the writer's thread, or at
+  // once on the caller's. A file's last block is waited for right away, so
+  // nothing could overlap it and the hand-over would only add two wake-ups
+  // (which dominate a package of small files).
+  enum class Handling { kInBackground, kNow };
 
   explicit BlockWriter(Logger& log);
   // Waits for the block in hand (its outcome is dropped) and ends the thread.
@@ -67,16 +73,19 @@ class BlockWriter {
   // block when it is verified and written; throws its Error (already logged)
   // when it failed.
   std::optional<Block> Collect();
-  // Hands over the block received into Buffer(). Call Collect before.
-  void Submit(const Block& block);
+  // Hands over the block received into Buffer(). Call Collect before. With
+  // kNow the block is verified and written when Submit returns; its outcome
+  // is still taken by the next Collect.
+  void Submit(const Block& block, Handling how = Handling::kInBackground);
 
  private:
   void Run();
-  void Process(const Block& block, std::span<const uint8_t> data);
+  void Process(Validator& validator, const Block& block, std::span<const uint8_t> data);
 
   Logger& log_;
   Target target_;
-  Validator validator_;  // the writer thread's own: a validator keeps state
+  Validator validator_;     // the writer thread's: a validator keeps state
+  Validator ownValidator_;  // the owning thread's, for kNow
   std::vector<uint8_t> buffers_[2];
   int next_ = 0;  // the buffer Buffer() gives; the writer's is the other one
 

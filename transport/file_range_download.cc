@@ -109,12 +109,9 @@ class RangeDownload {
       }
       if (code != 0) throw Error(code, Format("Failed to calculate block hash for file '%ls'", path));
     }
-    if (::lseek(fd_, static_cast<off_t>(offset), SEEK_SET) < 0) {
-      FailErrno(log_, errno, "Failed to write to sparse file '%ls', failed to change the position", path);
-    }
     size_t written = 0;
     while (written < length) {
-      const ssize_t n = ::write(fd_, block.data() + written, length - written);
+      const ssize_t n = ::pwrite(fd_, block.data() + written, length - written, static_cast<off_t>(offset + written));
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) FailErrno(log_, n < 0 ? errno : ENOSPC, "Failed to write to sparse file '%ls'", path);
       written += static_cast<size_t>(n);
