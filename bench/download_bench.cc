@@ -110,19 +110,27 @@ void CompareWithFetch(const fs::path& scratchRoot) {
   const double bytes = static_cast<double>(fileBytes * 8);
 
   std::vector<double> fetch, download;
-  for (int round = 0; round < 4; ++round) {  // the first round warms the caches and is not counted
-    {
-      TempFolder dest("pkgdlv-bench-fetch");
-      const double seconds =
-          RunTool({"fetch", "--snapshot", (served.path() / "snap" / "snapshot.xml").string(), "--source",
-                   nginx.Url("/pkg"), "--dest", dest.path().string()},
-                  scratchRoot / "home", scratchRoot / "out");
-      if (round > 0) fetch.push_back(seconds);
-    }
-    {
-      TempFolder home("pkgdlv-bench-download");
-      const double seconds = RunTool({"download", request.string()}, home.path(), scratchRoot / "out");
-      if (round > 0) download.push_back(seconds);
+  const auto runFetch = [&](bool counted) {
+    TempFolder dest("pkgdlv-bench-fetch");
+    const double seconds = RunTool({"fetch", "--snapshot", (served.path() / "snap" / "snapshot.xml").string(), "--source",
+                                    nginx.Url("/pkg"), "--dest", dest.path().string()},
+                                   scratchRoot / "home", scratchRoot / "out");
+    if (counted) fetch.push_back(seconds);
+  };
+  const auto runDownload = [&](bool counted) {
+    TempFolder home("pkgdlv-bench-download");
+    const double seconds = RunTool({"download", request.string()}, home.path(), scratchRoot / "out");
+    if (counted) download.push_back(seconds);
+  };
+  // The first round warms the caches and is not counted; the order
+  // alternates, so that neither side always follows the other's clean-up.
+  for (int round = 0; round < 4; ++round) {
+    if (round % 2 == 0) {
+      runFetch(round > 0);
+      runDownload(round > 0);
+    } else {
+      runDownload(true);
+      runFetch(true);
     }
   }
   const double fetchRate = bytes / Median(fetch) / 1e6, downloadRate = bytes / Median(download) / 1e6;
