@@ -107,6 +107,6 @@ pkgdlv check "$folder" --snapshot "$folder/snapshot.xml" || true
 pkgdlv download "$publisher/request.xml"
 echo "the repair fetched $(served_bytes) bytes (data/part2.bin is $(stat -c %s "$site/demo/data/part2.bin") bytes," \
   "the package $(du -sb "$site/demo" | cut -f1) bytes):"
-cat "$server/access.log"
+awk '{ n[$2]++; b[$2] += $4 } END { for (f in n) printf "  %s: %d requests, %d bytes\n", f, n[f], b[f] }' "$server/access.log"
 pkgdlv check "$folder" --snapshot "$folder/snapshot.xml"
 cmp "$folder/data/part2.bin" "$site/demo/data/part2.bin" && echo "data/part2.bin matches the publisher's file again"
