@@ -40,6 +40,8 @@ struct FileHashes {
 // size that is reused from file to file. One thread at a time per object.
 class FileHasher {
  public:
+  // The most the hasher reads at once, whatever the block size.
+  static constexpr size_t kMaxReadBytes = 1u << 20;
   // Throws Error 0x80070057 for a block size of 0.
   explicit FileHasher(uint32_t block_size);
   ~FileHasher();

@@ -69,15 +69,27 @@ HmacSha256::HmacSha256() : context_(EVP_MAC_CTX_new(HmacAlgorithm())) {
 }
 
 Sha256Digest HmacSha256::Compute(std::span<const uint8_t> message, std::span<const uint8_t> key) {
+  Start(key);
+  Add(message);
+  return Finish();
+}
+
+void HmacSha256::Start(std::span<const uint8_t> key) {
   // A null key would make EVP_MAC_init reuse the previous message's key, so
   // the empty key of block 0 is given as a real pointer with length 0.
   static constexpr uint8_t kNoKey = 0;
   const uint8_t* key_bytes = key.empty() ? &kNoKey : key.data();
+  if (EVP_MAC_init(context_.get(), key_bytes, key.size(), nullptr) != 1) ThrowFailure("HMAC-SHA-256");
+}
+
+void HmacSha256::Add(std::span<const uint8_t> part) {
+  if (EVP_MAC_update(context_.get(), part.data(), part.size()) != 1) ThrowFailure("HMAC-SHA-256");
+}
+
+Sha256Digest HmacSha256::Finish() {
   Sha256Digest digest{};
   size_t length = 0;
-  if (EVP_MAC_init(context_.get(), key_bytes, key.size(), nullptr) != 1 ||
-      EVP_MAC_update(context_.get(), message.data(), message.size()) != 1 ||
-      EVP_MAC_final(context_.get(), digest.data(), &length, digest.size()) != 1 || length != digest.size()) {
+  if (EVP_MAC_final(context_.get(), digest.data(), &length, digest.size()) != 1 || length != digest.size()) {
     ThrowFailure("HMAC-SHA-256");
   }
   return digest;

@@ -46,6 +46,11 @@ class HmacSha256 {
  public:
   HmacSha256();
   Sha256Digest Compute(std::span<const uint8_t> message, std::span<const uint8_t> key);
+  // The same in parts: Start with the key, Add the message piece by piece,
+  // then Finish.
+  void Start(std::span<const uint8_t> key);
+  void Add(std::span<const uint8_t> part);
+  Sha256Digest Finish();
 
  private:
   Ptr<EVP_MAC_CTX> context_;
