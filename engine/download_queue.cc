@@ -16,7 +16,7 @@ constexpr FileTime kBusyServerMargin = 60 * kFileTimeTicksPerSecond;
 // Waiting entries due this soon are made ready with the others.
 constexpr FileTime kPromoteWindow = kFileTimeTicksPerSecond;
 
-// Whether the new entry goes before P (a movable entry already queued).
+// Whether the new entry goes before P (an entry already queued).
 bool GoesBefore(const QueueEntry& entry, const QueueEntry& p) {
   if (p.retryPending) return true;
   if (entry.priority != p.priority) return entry.priority > p.priority;
@@ -225,7 +225,7 @@ void DownloadQueue::InsertLocked(const QueueEntry& entry) {
     return;
   }
   const auto place = std::find_if(entries_.begin(), entries_.end(),
-                                  [&](const QueueEntry& p) { return p.movable && GoesBefore(entry, p); });
+                                  [&](const QueueEntry& p) { return GoesBefore(entry, p); });
   entries_.insert(place, entry);
 }
 

@@ -37,7 +37,6 @@ struct QueueEntry {
   FileTime nextAttemptTime = 0;   // when a waiting entry becomes ready
   int32_t retryDelay = 0;         // back-off delay last applied, ms; 0 when none
   bool retryPending = false;      // waits for nextAttemptTime; never handed out
-  bool movable = true;            // other entries may be placed ahead of it
 };
 
 class DownloadQueue {
