@@ -10,6 +10,7 @@
 #include "agent/log_file.h"
 #include "agent/log_record.h"
 #include "agent/log_settings.h"
+#include "util/display_text.h"
 #include "util/format.h"
 
 namespace pkgdlv {
@@ -105,14 +106,16 @@ class AgentLog final : public Logger {
   void CopyToStreams(uint32_t level, uint32_t severity, std::string_view component, std::string_view message) {
     if (!(level & (loglevel::kConsole | loglevel::kDebugOutput))) return;
     const char* tag = SeverityTag(severity);
+    // A terminal must never take a server's text for control sequences.
+    const std::string shown = EscapeForDisplay(message);
     std::lock_guard lock(stream_mutex_);
     if (level & loglevel::kDebugOutput) {
       std::ostream& out = options_.debug_output ? *options_.debug_output : std::cerr;
-      out << Format("%ls\t%ls\t\t%ls\n", tag, component, message) << std::flush;
+      out << Format("%ls\t%ls\t\t%ls\n", tag, component, shown) << std::flush;
     }
     if (level & loglevel::kConsole) {
       std::ostream& out = options_.console ? *options_.console : std::cout;
-      out << Format("%ls\t%ls\t\t%ls\r\n", tag, component, message) << std::flush;
+      out << Format("%ls\t%ls\t\t%ls\r\n", tag, component, shown) << std::flush;
     }
   }
 
