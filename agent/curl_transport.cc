@@ -25,6 +25,7 @@
 #include "agent/transport_errors.h"
 #include "transport/location.h"
 #include "util/error.h"
+#include "util/file_reader.h"
 #include "util/strings.h"
 
 namespace pkgdlv {
@@ -230,7 +231,11 @@ class CurlTransport final : public NetworkTransport {
     if (converted.kind == TransportLocation::Kind::kSmb) return PerformOnShare(converted.url, options, range, writer);
 
     Transfer transfer{this, &options, range, &writer, {}, 0, 0, false, nullptr, std::chrono::steady_clock::now()};
-    if (converted.kind == TransportLocation::Kind::kLocalFile) transfer.outcome.localPath = converted.localPath;
+    if (converted.kind == TransportLocation::Kind::kLocalFile) {
+      // A FIFO or a device would hold the read forever: only files are read.
+      CheckFileToReadIfPresent(converted.localPath, UINT64_MAX);
+      transfer.outcome.localPath = converted.localPath;
+    }
     char error_buffer[CURL_ERROR_SIZE] = {};
     Slist headers = Configure(converted, options, range, transfer, error_buffer);
 
