@@ -1,10 +1,12 @@
-// Two processes append to one log set at once, with rollover running: the
-// file lock must keep every record whole and every line exactly once.
+// Two processes of two threads each append to one log set at once, with
+// rollover running: the file lock and the log's own lock must keep every
+// record whole and every line exactly once.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <map>
+#include <thread>
 
 #include "agent/agent_log.h"
 #include "support/agent_log_parser.h"
@@ -16,7 +18,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kLinesPerProcess = 10'000;
+constexpr int kThreadsPerProcess = 2;
+constexpr int kLinesPerThread = 5'000;
+constexpr int kLinesPerProcess = kThreadsPerProcess * kLinesPerThread;
 
 // Runs in the child: its own store, clock and log over the shared folder.
 [[noreturn]] void LogFromChild(const fs::path& folder, const std::string& component) {
@@ -29,7 +33,15 @@ constexpr int kLinesPerProcess = 10'000;
     options.default_folder = folder;
     options.process_name = component;
     auto log = NewAgentLog(store, NewSystemClock(), options);
-    for (int i = 0; i < kLinesPerProcess; ++i) log->Log(loglevel::kInfo, component, "line %d", i);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreadsPerProcess; ++t) {
+      threads.emplace_back([&, t] {
+        for (int i = t * kLinesPerThread; i < (t + 1) * kLinesPerThread; ++i) {
+          log->Log(loglevel::kInfo, component, "line %d", i);
+        }
+      });
+    }
+    for (auto& thread : threads) thread.join();
     status = 0;
   } catch (...) {
   }

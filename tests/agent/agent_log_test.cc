@@ -6,10 +6,8 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <map>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "agent/log_record.h"
 #include "support/agent_log_parser.h"
@@ -409,32 +407,6 @@ TEST_F(AgentLogTest, CurrentFileFollowsSettingsWithoutWritingThem) {
   EXPECT_EQ(store_->WriteCount(), 3u);
   BrokenStore broken;
   EXPECT_EQ(CurrentAgentLogFile(broken, dir_ / "log"), dir_ / "log" / "Agent.log");
-}
-
-TEST_F(AgentLogTest, ThreadsOfOneProcessWriteWholeRecords) {
-  SetNumber("MaxSize", 10);
-  SetNumber("MaxFiles", 1000);
-  options_.process_name = "threads";
-  auto log = NewLog();
-  constexpr int kThreads = 4;
-  constexpr int kLines = 300;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kLines; ++i) log->Log(kInfo, "T" + std::to_string(t), "line %d", i);
-    });
-  }
-  for (auto& thread : threads) thread.join();
-
-  std::map<std::string, int> seen;
-  for (auto& entry : fs::directory_iterator(dir_ / "log")) {
-    if (entry.path().extension() != ".log") continue;
-    for (auto& record : Parse(entry.path().filename().string()).records) {
-      if (!record.start) ++seen[record.Attribute("source") + "/" + record.text];
-    }
-  }
-  EXPECT_EQ(seen.size(), size_t{kThreads * kLines});
-  for (auto& [line, count] : seen) EXPECT_EQ(count, 1) << line;
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "agent/transport_test_support.h"
 #include "support/temp_dir.h"
 #include "util/error.h"
 
@@ -31,12 +32,7 @@ class SecureStoreTest : public ::testing::Test {
     sqlite3_close(db);
   }
   void ExpectUnopenable(SecureStore& store, std::string_view path) {
-    try {
-      store.Read(path);
-      ADD_FAILURE() << "read of " << path << " succeeded";
-    } catch (const Error& e) {
-      EXPECT_EQ(e.code(), result::kDecryptFailed);
-    }
+    EXPECT_EQ(testing::CodeOf([&] { store.Read(path); }), result::kDecryptFailed) << path;
   }
   TempDir dir_;
 };

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "agent/network_transport.h"
+#include "agent/transport_test_support.h"
 #include "support/nginx_server.h"
 #include "support/smbd_server.h"
 #include "support/temp_dir.h"
@@ -22,6 +23,7 @@
 namespace pkgdlv {
 namespace {
 
+using testing::CodeOf;
 using testing::SmbdServer;
 using testing::TempDir;
 using testing::WriteFile;
@@ -36,15 +38,6 @@ std::string Data() {
     c = static_cast<char>(x >> 24);
   }
   return data;
-}
-
-Result CodeOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const Error& error) {
-    return error.code();
-  }
-  return result::kOk;
 }
 
 class SmbShareTest : public ::testing::Test {

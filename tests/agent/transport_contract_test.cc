@@ -176,17 +176,6 @@ TEST_P(TransportContractTest, AbortFromAnotherThreadEndsTheTransferPromptly) {
   EXPECT_EQ(transport_->DownloadText(Url("/pkg/small.txt")), kSmallText);
 }
 
-TEST_P(TransportContractTest, PeerRateLimitSlowsTheTransfer) {
-  ConnectionOptions options;
-  options.Set(ConnectionOptions::kPeerDownloadMaxRate, "256d");  // 256 KB/s, written with "%ud"
-  transport_->SetConnectionOptions(options);
-  std::vector<uint8_t> buffer(768 * 1024);
-  auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(transport_->DownloadRange(Url("/pkg/huge.bin"), 0, buffer).received, buffer.size());
-  // Three seconds' worth at the limit; coarse, the limiter may start late.
-  EXPECT_GT(SecondsSince(start), 1.5);
-}
-
 INSTANTIATE_TEST_SUITE_P(Servers, TransportContractTest, ::testing::Values(Backend::kTestServer, Backend::kNginx),
                          [](const auto& info) { return info.param == Backend::kNginx ? "Nginx" : "TestServer"; });
 

@@ -1,4 +1,4 @@
-// Helpers shared by the network transport tests.
+// Helpers shared by the agent tests, the network transport ones above all.
 #pragma once
 
 #include <chrono>

@@ -1,48 +1,28 @@
 // pkgdlv fetch, run as a separate process against nginx on 127.0.0.1: a
 // folder completed and checked, its output forms, and a run ended by a
 // signal that a second run finishes without fetching much twice.
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
 #include <chrono>
-#include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
-#include <string>
 #include <thread>
 
+#include "cli_test_support.h"
 #include "support/nginx_server.h"
-#include "support/temp_dir.h"
 
 extern char** environ;
 
 namespace pkgdlv {
 namespace {
 
-namespace fs = std::filesystem;
-using testing::ReadFile;
-using testing::RunTool;
-using testing::TempDir;
-using testing::ToolResult;
-using testing::WriteFile;
-
-std::string Quote(const fs::path& path) { return "'" + path.string() + "'"; }
-
 std::vector<nlohmann::json> JsonLines(const std::string& out) {
   std::vector<nlohmann::json> lines;
   std::istringstream in(out);
   for (std::string line; std::getline(in, line);) lines.push_back(nlohmann::json::parse(line));
   return lines;
-}
-
-// Makes the package's snapshot with the tool, as a publisher would.
-void CreateSnapshot(const TempDir& dir, uint32_t blockSize) {
-  ToolResult created = RunTool("snapshot create " + Quote(dir / "pkg") +
-                               " --id '{8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B}' --version 1 --block-size " +
-                               std::to_string(blockSize) + " --out " + Quote(dir / "meta"));
-  ASSERT_EQ(created.exit_code, 0) << created.err;
 }
 
 // The tool started in the background, its output in files.
@@ -81,7 +61,7 @@ TEST(FetchCliTest, CompletesTheFolderThenFindsNothingToDo) {
   const std::string big(3 * 4096 + 500, 'b');
   WriteFile(dir / "pkg" / "big.bin", big);
   WriteFile(dir / "pkg" / "docs" / "readme.txt", "read me");
-  CreateSnapshot(dir, 4096);
+  CreateSnapshot(dir / "pkg", dir / "meta", "--block-size 4096");
   testing::NginxServer nginx(dir.path());
   // The folder already holds the first block of big.bin.
   WriteFile(dir / "to" / "big.bin", big.substr(0, 4096));
@@ -134,7 +114,7 @@ TEST(FetchCliTest, ASecondRunFinishesWhatASignalInterrupted) {
     for (auto& c : data) c = static_cast<char>(random());
     WriteFile(dir / "pkg" / ("f" + std::to_string(f) + ".bin"), data);
   }
-  CreateSnapshot(dir, kBlockBytes);
+  CreateSnapshot(dir / "pkg", dir / "meta", "--block-size " + std::to_string(kBlockBytes));
 
   struct Case {
     int signal;

@@ -1,25 +1,15 @@
 // pkgdlv frame pack | unpack | info, run as a separate process.
-#include <gtest/gtest.h>
-
-#include <nlohmann/json.hpp>
-#include <random>
-
 #include <sys/resource.h>
 #include <zlib.h>
-#include <string>
 
-#include "support/temp_dir.h"
+#include <random>
+
 #include "agent/logger.h"
+#include "cli_test_support.h"
 #include "util/compressed_frame.h"
 
 namespace pkgdlv {
 namespace {
-
-using testing::ReadFile;
-using testing::RunTool;
-using testing::TempDir;
-using testing::ToolResult;
-using testing::WriteFile;
 
 // A frame of `count` chunks that each hold `chunk`, built by hand so that a
 // huge frame costs only one compression.
@@ -47,64 +37,54 @@ std::string SampleData(size_t size) {
   return data;
 }
 
-TEST(FrameCliTest, PackThenUnpackThroughStandardStreams) {
-  TempDir home;
-  for (size_t size : {size_t{0}, size_t{5}, size_t{65536}, size_t{300'000}}) {
+// Through the standard streams and through files; the failures of the
+// frame itself are the library's, printed with their description.
+TEST(FrameCliTest, PackUnpackAndInfo) {
+  TempDir dir;
+  for (size_t size : {size_t{0}, size_t{300'000}}) {
     SCOPED_TRACE(size);
     const std::string data = SampleData(size);
-    ToolResult packed = RunTool("frame pack", data, home.path());
+    ToolResult packed = RunTool("frame pack", data, dir.path());
     ASSERT_EQ(packed.exit_code, 0) << packed.err;
     EXPECT_TRUE(IsCompressed(reinterpret_cast<const uint8_t*>(packed.out.data()), packed.out.size()));
     EXPECT_EQ(static_cast<uint8_t>(packed.out[16]), (size + 0xFFFF) / 0x10000);  // chunk count
 
-    ToolResult unpacked = RunTool("frame unpack", packed.out, home.path());
+    ToolResult unpacked = RunTool("frame unpack", packed.out, dir.path());
     ASSERT_EQ(unpacked.exit_code, 0) << unpacked.err;
     EXPECT_EQ(unpacked.out, data);
   }
-}
 
-TEST(FrameCliTest, FilesAndInfo) {
-  TempDir dir;
   const std::string data = SampleData(200'000);
   WriteFile(dir / "plain", data);
-  const std::string plain = (dir / "plain").string(), packed = (dir / "packed").string(),
-                    back = (dir / "back").string();
-
-  ASSERT_EQ(RunTool("frame pack --level 9 -i '" + plain + "' -o '" + packed + "'", {}, dir.path()).exit_code, 0);
-  ASSERT_EQ(RunTool("frame unpack -i '" + packed + "' -o '" + back + "'", {}, dir.path()).exit_code, 0);
+  const std::string plain = Quote(dir / "plain"), packed = Quote(dir / "packed"), back = Quote(dir / "back");
+  ASSERT_EQ(RunTool("frame pack --level 9 -i " + plain + " -o " + packed, {}, dir.path()).exit_code, 0);
+  ASSERT_EQ(RunTool("frame unpack -i " + packed + " -o " + back, {}, dir.path()).exit_code, 0);
   EXPECT_EQ(ReadFile(dir / "back"), data);
-
-  ToolResult info = RunTool("frame info --json -i '" + packed + "'", {}, dir.path());
+  ToolResult info = RunTool("frame info --json -i " + packed, {}, dir.path());
   ASSERT_EQ(info.exit_code, 0) << info.err;
-  nlohmann::json fields = nlohmann::json::parse(info.out);
-  EXPECT_EQ(fields["chunks"], 4);
-  EXPECT_EQ(fields["unpackedSize"], data.size());
-  EXPECT_EQ(fields["frameSize"], ReadFile(dir / "packed").size());
-}
+  uint64_t crcSum = 0;
+  for (size_t at = 0; at < data.size(); at += 0x10000) {
+    crcSum += crc32(0, reinterpret_cast<const Bytef*>(data.data() + at), std::min<size_t>(0x10000, data.size() - at));
+  }
+  EXPECT_EQ(nlohmann::json::parse(info.out),
+            nlohmann::json({{"chunks", 4}, {"crcSum", crcSum}, {"unpackedSize", data.size()},
+                            {"frameSize", ReadFile(dir / "packed").size()}}));
 
-TEST(FrameCliTest, FailuresExitOneWithTheDescription) {
-  TempDir home;
-  ToolResult packed = RunTool("frame pack", SampleData(1000), home.path());
-  ASSERT_EQ(packed.exit_code, 0);
-  std::string bad_crc = packed.out;
-  bad_crc[8] = static_cast<char>(bad_crc[8] ^ 1);
-
+  const std::string frame = ReadFile(dir / "packed");
   const struct {
     std::string arguments;
     std::string input;
     std::string error;
-  } cases[] = {
+  } failures[] = {
       {"frame unpack", "not a frame at all, just some text", "pkgdlv: Data is not compressed\n"},
-      {"frame unpack", bad_crc, "pkgdlv: Incorrect CRC for decompressed data\n"},
-      {"frame unpack", packed.out.substr(0, packed.out.size() - 1),
+      {"frame unpack", frame.substr(0, frame.size() - 1),
        "pkgdlv: Truncated frame: a chunk runs past the end of the data (0x80070026)\n"},
-      {"frame info", "short", "pkgdlv: Data is not compressed\n"},
-      {"frame unpack -i '" + (home / "missing").string() + "'", "",
-       "pkgdlv: cannot open '" + (home / "missing").string() + "': No such file or directory\n"},
+      {"frame unpack -i " + Quote(dir / "missing"), "",
+       "pkgdlv: cannot open '" + (dir / "missing").string() + "': No such file or directory\n"},
   };
-  for (const auto& c : cases) {
+  for (const auto& c : failures) {
     SCOPED_TRACE(c.arguments);
-    ToolResult result = RunTool(c.arguments, c.input, home.path());
+    ToolResult result = RunTool(c.arguments, c.input, dir.path());
     EXPECT_EQ(result.exit_code, 1);
     EXPECT_EQ(result.err, c.error);
   }

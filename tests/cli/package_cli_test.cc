@@ -1,27 +1,12 @@
 // pkgdlv package copy | move | clean, run as a separate process.
-#include <gtest/gtest.h>
-
-#include "support/temp_dir.h"
+#include "cli_test_support.h"
 
 namespace pkgdlv {
 namespace {
 
-using testing::ReadFile;
-using testing::RunTool;
-using testing::TempDir;
-using testing::ToolResult;
-using testing::WriteFile;
-namespace fs = std::filesystem;
-
-std::string Quote(const fs::path& path) { return "'" + path.string() + "'"; }
-
 // Describes the package in dir/pkg into dir/doc; gives the --snapshot option naming it.
-std::string CreateSnapshot(const fs::path& dir, const fs::path& home, const std::string& options = "") {
-  ToolResult created = RunTool("snapshot create " + Quote(dir / "pkg") +
-                                   " --id {8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B} --version 1" + options + " --out " +
-                                   Quote(dir / "doc"),
-                               {}, home);
-  EXPECT_EQ(created.exit_code, 0) << created.err;
+std::string SnapshotOption(const fs::path& dir, const fs::path& home, const std::string& options = "") {
+  CreateSnapshot(dir / "pkg", dir / "doc", options, home);
   return " --snapshot " + Quote(dir / "doc" / "snapshot.xml");
 }
 
@@ -29,7 +14,7 @@ TEST(PackageCliTest, CopyCleanAndMoveAPackage) {
   TempDir dir;
   WriteFile(dir / "pkg" / "a.bin", std::string(9000, 'a'));
   WriteFile(dir / "pkg" / "sub" / "b.txt", "bee");
-  const std::string snapshot = CreateSnapshot(dir.path(), dir / "home", " --block-size 4096");
+  const std::string snapshot = SnapshotOption(dir.path(), dir / "home", "--block-size 4096");
 
   ToolResult copy = RunTool("package copy " + Quote(dir / "pkg") + snapshot + " --to " + Quote(dir / "copy"), {},
                             dir / "home");
@@ -66,7 +51,7 @@ TEST(PackageCliTest, CleanAllNeverRemovesAFolderTheAgentOrTheUserLivesIn) {
   const fs::path work = dir / "work";
   ASSERT_EQ(RunTool("config set '<Configuration workFolder=\"" + work.string() + "\"/>'", {}, home).exit_code, 0);
   WriteFile(dir / "pkg" / "a.bin", "a");
-  const std::string snapshot = CreateSnapshot(dir.path(), home);
+  const std::string snapshot = SnapshotOption(dir.path(), home);
   const fs::path user = dir / "user";
   fs::create_directories(user);
   const char* savedHome = std::getenv("HOME");

@@ -1,22 +1,11 @@
 // pkgdlv queue over a work folder written by the test.
-#include <gtest/gtest.h>
-
 #include <map>
 
-#include <nlohmann/json.hpp>
-
-#include "support/temp_dir.h"
+#include "cli_test_support.h"
 #include "util/format.h"
 
 namespace pkgdlv {
 namespace {
-
-namespace fs = std::filesystem;
-using testing::ReadFile;
-using testing::RunTool;
-using testing::TempDir;
-using testing::ToolResult;
-using testing::WriteFile;
 
 void WritePackage(const fs::path& work, const char* id, const char* status, const char* priority, int size,
                   std::string folderName = {}) {
@@ -58,11 +47,12 @@ TEST(QueueCliTest, ListsUnfinishedPackagesInDownloadOrderAndWritesNothing) {
   ToolResult listed = RunTool("queue --json --work-folder '" + work.string() + "'", {}, dir / "home");
   ASSERT_EQ(listed.exit_code, 0) << listed.err;
   nlohmann::json entries = nlohmann::json::parse(listed.out);
-  ASSERT_EQ(entries.size(), 4u) << listed.out;
-  EXPECT_EQ(entries[0]["id"], "{00000000-0000-0000-0000-000000000003}");
-  EXPECT_EQ(entries[1]["id"], "{00000000-0000-0000-0000-000000000002}");
-  EXPECT_EQ(entries[2]["id"], "{00000000-0000-0000-0000-000000000001}");
-  EXPECT_EQ(entries[3]["id"], "{0000000A-0000-0000-0000-00000000000B}");
+  std::vector<std::string> ids;
+  for (const auto& entry : entries) ids.push_back(entry["id"]);
+  EXPECT_EQ(ids, (std::vector<std::string>{"{00000000-0000-0000-0000-000000000003}",
+                                           "{00000000-0000-0000-0000-000000000002}",
+                                           "{00000000-0000-0000-0000-000000000001}",
+                                           "{0000000A-0000-0000-0000-00000000000B}"}));
   EXPECT_EQ(entries[0]["priority"], 10);
   EXPECT_EQ(entries[0]["missingBytes"], 900);
   EXPECT_EQ(entries[0]["status"], "pending");  // what the engine would make of it

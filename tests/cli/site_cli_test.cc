@@ -1,21 +1,14 @@
 // pkgdlv site transfer, run as a separate process against a server on
 // 127.0.0.1.
-#include <gtest/gtest.h>
-
-#include <string>
-
+#include "cli_test_support.h"
 #include "support/http_test_server.h"
-#include "support/temp_dir.h"
 
 namespace pkgdlv {
 namespace {
 
 using testing::HttpTestServer;
-using testing::RunTool;
-using testing::TempDir;
-using testing::ToolResult;
 
-const std::string kId = "{8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B}";
+const std::string kId = kCliPackageId;
 const std::string kPage = "/QS/Agent/SiteTransfer.aspx";
 
 TEST(SiteCliTest, SendsOneActionAndPrintsTheOutcome) {

@@ -1,40 +1,27 @@
 // pkgdlv snapshot create | verify | show, run as a separate process.
-#include <gtest/gtest.h>
-
-#include <nlohmann/json.hpp>
-#include <string>
-
-#include "support/temp_dir.h"
+#include "cli_test_support.h"
 #include "support/test_keys.h"
 
 namespace pkgdlv {
 namespace {
 
-using testing::ReadFile;
-using testing::RunTool;
-using testing::TempDir;
-using testing::ToolResult;
-using testing::WriteFile;
-
-const std::string kId = "{8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B}";
-
-std::string Quote(const std::filesystem::path& path) { return "'" + path.string() + "'"; }
+const std::string kId = kCliPackageId;
 
 void RunShell(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
 
 // A package of four files, two folders, 5,000,004 bytes.
-void MakePackage(const std::filesystem::path& folder) {
+void MakePackage(const fs::path& folder) {
   WriteFile(folder / "setup.bin", std::string(5'000'000, 'x'));
   WriteFile(folder / "docs" / "readme.txt", "read");
   WriteFile(folder / "docs" / "empty", "");
-  std::filesystem::create_directories(folder / "docs" / "more");
+  fs::create_directories(folder / "docs" / "more");
   WriteFile(folder / "package.xml", "<Package/>");  // only the out folder's own package.xml is left out
 }
 
 class SnapshotCliTest : public ::testing::TestWithParam<std::string> {
  protected:
   void SetUp() override {
-    std::filesystem::copy_file(testing::TestKey(GetParam()), dir_ / "key.pem");
+    fs::copy_file(testing::TestKey(GetParam()), dir_ / "key.pem");
     RunShell("openssl pkey -in " + Quote(dir_ / "key.pem") + " -pubout -out " + Quote(dir_ / "pub.pem"));
     MakePackage(dir_ / "pkg");
   }
@@ -49,8 +36,8 @@ TEST_P(SnapshotCliTest, CreateSignedThenVerifyThenTamper) {
   EXPECT_NE(created.out.find("4 files, 2 folders, 5000014 bytes, 7 blocks, signed"), std::string::npos) << created.out;
   const std::string printedKey = created.out.substr(created.out.find('\n') + 1);
   ASSERT_GT(printedKey.size(), 40u);
-  const std::filesystem::path snapshot = dir_ / "out" / "snapshot.xml";
-  ASSERT_TRUE(std::filesystem::exists(dir_ / "out" / "snapdata.xml"));
+  const fs::path snapshot = dir_ / "out" / "snapshot.xml";
+  ASSERT_TRUE(fs::exists(dir_ / "out" / "snapdata.xml"));
 
   // The key as the printed Base64 text, as a public PEM file, as the private key file.
   for (const std::string& key :
@@ -80,7 +67,7 @@ TEST(SnapshotCliShowTest, JsonTotalsAndOwnDocumentsLeftOut) {
     ToolResult created = RunTool("snapshot create " + Quote(dir / "pkg") + " --id " + kId + " --version 2");
     ASSERT_EQ(created.exit_code, 0) << created.err;
   }
-  EXPECT_FALSE(std::filesystem::exists(dir / "pkg" / "snapdata.xml"));  // nothing signed it
+  EXPECT_FALSE(fs::exists(dir / "pkg" / "snapdata.xml"));  // nothing signed it
   ToolResult shown = RunTool("snapshot show " + Quote(dir / "pkg" / "snapshot.xml") + " --json");
   ASSERT_EQ(shown.exit_code, 0) << shown.err;
   nlohmann::json doc = nlohmann::json::parse(shown.out);

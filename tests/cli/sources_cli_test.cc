@@ -1,23 +1,14 @@
 // pkgdlv sources and pkgdlv snapshot fetch, run as separate processes
 // against a server on 127.0.0.1.
-#include <gtest/gtest.h>
-
-#include <nlohmann/json.hpp>
-#include <string>
-
+#include "cli_test_support.h"
 #include "support/http_test_server.h"
-#include "support/temp_dir.h"
 
 namespace pkgdlv {
 namespace {
 
 using testing::HttpTestServer;
-using testing::ReadFile;
-using testing::RunTool;
-using testing::TempDir;
-using testing::ToolResult;
 
-const std::string kId = "{8C2F4E1A-0B3D-4F5E-9A7B-1C2D3E4F5A6B}";
+const std::string kId = kCliPackageId;
 const std::string kSources = "<PackageSources><Codebases/></PackageSources>";
 
 TEST(SourcesCliTest, PrintsTheAnswerOrTheFailure) {
@@ -51,9 +42,9 @@ TEST(SourcesCliTest, PrintsTheAnswerOrTheFailure) {
 
 TEST(SourcesCliTest, SnapshotFetchWritesBothDocuments) {
   TempDir home, out, package;
-  const std::filesystem::path source = package / "pkg dir";
-  testing::WriteFile(source / "a.txt", "data");
-  testing::WriteFile(source / "sub" / "b.txt", "more");
+  const fs::path source = package / "pkg dir";
+  WriteFile(source / "a.txt", "data");
+  WriteFile(source / "sub" / "b.txt", "more");
   HttpTestServer server;
   const std::string document =
       "<Snapshot id=\"{00000000-0000-0000-0000-000000000001}\" time=\"2026-01-01T00:00:00\" version=\"2\"><Root "
@@ -70,9 +61,9 @@ TEST(SourcesCliTest, SnapshotFetchWritesBothDocuments) {
   // The source folder as a path, a path relative to the current folder, and a file: URL.
   std::string url = "file://" + source.string();
   url.replace(url.find(' '), 1, "%20");
-  const std::string forms[] = {source.string(), std::filesystem::relative(source).string(), url};
+  const std::string forms[] = {source.string(), fs::relative(source).string(), url};
   for (const std::string& form : forms) {
-    const std::filesystem::path written = out / std::to_string(&form - forms);
+    const fs::path written = out / std::to_string(&form - forms);
     ToolResult listed = RunTool("snapshot fetch --dir '" + form + "' --package '" + kId + "' -o '" +
                                     written.string() + "'",
                                 {}, home.path());

@@ -87,13 +87,20 @@ TEST_F(ConfigurationDocumentTest, WriteAppliesPresentAttributesInTheirOrder) {
   EXPECT_EQ(Stored("Maximum download attempt time (mins)"), SettingValue::Number(15));
 }
 
-TEST_F(ConfigurationDocumentTest, AbsentAttributesLeaveTheirSettingsAlone) {
+// Absent attributes leave their settings alone; negative counts are stored
+// as their 32 bits.
+TEST_F(ConfigurationDocumentTest, APartialDocumentChangesOnlyItsSettings) {
   store_->Set(kDeliverySettingsKey, "Download history size", SettingValue::Number(44));
   Write("<PackageDelivery retryDelay='600000'/>");
   EXPECT_EQ(journal_, (std::vector<std::string>{"Retry delay (mins)"}));
   EXPECT_EQ(Stored("Retry delay (mins)"), SettingValue::Number(10));
   EXPECT_EQ(Stored("Download history size"), SettingValue::Number(44));
   EXPECT_EQ(folder_, "/var/lib/pkgdlv/Package Delivery");
+
+  Write("<PackageDelivery retryMaxTries='-1' historySize='4294967295'/>");
+  EXPECT_EQ(Stored("Maximum download attempts"), SettingValue::Number(0xFFFFFFFF));
+  EXPECT_EQ(Stored("Download history size"), SettingValue::Number(0xFFFFFFFF));
+  EXPECT_EQ(settings_.MaxDownloadAttempts(), 0u);
 }
 
 TEST_F(ConfigurationDocumentTest, ReadingAndWritingBackMultipliesTheMaximumAttemptTime) {
@@ -106,13 +113,6 @@ TEST_F(ConfigurationDocumentTest, ReadingAndWritingBackMultipliesTheMaximumAttem
   Attributes after = ReadAttributes();
   EXPECT_EQ(after[5], (std::pair<std::string, std::string>{"retryMaxTime", "0"}));
   EXPECT_EQ(after[2], (std::pair<std::string, std::string>{"retryDelay", "420000"}));
-}
-
-TEST_F(ConfigurationDocumentTest, NegativeCountsAreStoredAsTheir32Bits) {
-  Write("<PackageDelivery retryMaxTries='-1' historySize='4294967295'/>");
-  EXPECT_EQ(Stored("Maximum download attempts"), SettingValue::Number(0xFFFFFFFF));
-  EXPECT_EQ(Stored("Download history size"), SettingValue::Number(0xFFFFFFFF));
-  EXPECT_EQ(settings_.MaxDownloadAttempts(), 0u);
 }
 
 TEST_F(ConfigurationDocumentTest, RefusedDocumentsChangeNothing) {

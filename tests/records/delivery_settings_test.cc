@@ -42,75 +42,74 @@ class DeliverySettingsTest : public ::testing::Test {
   DeliverySettings settings_{*store_, log_};
 };
 
-// A setting's name and accessor, a stored number and what the accessor gives.
+// A setting's name and accessor, a stored number and what the accessor
+// gives; or, for a missing setting, the default that its first read writes.
+constexpr bool kMissing = true;
 struct ValueCase {
   const char* name;
   Getter read;
   uint32_t stored;
   uint64_t result;
+  bool missing = false;
 };
 
-TEST_F(DeliverySettingsTest, EachDefaultIsWrittenAtItsFirstRead) {
+// A missing value is written with its default at its first read; a stored
+// value is limited to its range but never corrected, and read as signed or
+// unsigned as the setting is.
+TEST_F(DeliverySettingsTest, DefaultsAreWrittenAndStoredValuesLimitedButNeverCorrected) {
   const std::vector<ValueCase> cases = {
-      {"Retry delay (mins)", kRetryDelayMs, 3, 180'000},
-      {"Urgent retry delay (ms)", kUrgentRetryDelayMs, 22'500, 22'500},
-      {"Maximum retry delay (mins)", kMaxRetryDelayMs, 120, 7'200'000},
-      {"Maximum download attempts", kMaxDownloadAttempts, 0, 0},
-      {"Maximum download attempt time (mins)", kMaxAttemptTimeMs, 0, 0},
-      {"Download history size", kHistorySize, 30, 30},
-      {"Min Disk Free Space (MBytes)", kMinDiskFreeBytes, 500, 524'288'000},
-      {"Package Source Expiry (mins)", kSourceExpiryMinutes, 10, 10},
-      {"Site transfer keep-alive interval (seconds)", kKeepAliveSeconds, 300, 300},
-      {"Server Request Maximum Backoff Interval (mins)", kMaxBackoffMinutes, 120, 120},
-      {"Maximum decrypt failures", kMaxDecryptFailures, 10, 10},
-  };
-  for (const ValueCase& c : cases) {
-    ASSERT_EQ(Stored(c.name), std::nullopt) << c.name << " existed before its first read";
-    EXPECT_EQ(c.read(settings_), c.result) << c.name;
-    EXPECT_EQ(Stored(c.name), SettingValue::Number(c.stored)) << c.name;
-  }
-  EXPECT_EQ(store_->List(kDeliverySettingsKey).size(), cases.size());
-  EXPECT_EQ(DeliverySettings::Rules().size(), cases.size());
-  EXPECT_FALSE(log_.Contains("Unable to save setting"));
-}
-
-TEST_F(DeliverySettingsTest, StoredValuesAreLimitedToTheirRangeButNeverCorrected) {
-  // Per setting: below, at and past its bounds, and the 32-bit value read as
-  // signed or unsigned as the setting is.
-  const std::vector<ValueCase> cases = {
+      {"Retry delay (mins)", kRetryDelayMs, 3, 180'000, kMissing},
       {"Retry delay (mins)", kRetryDelayMs, 0, 60'000},
       {"Retry delay (mins)", kRetryDelayMs, 500, 3'600'000},
       {"Retry delay (mins)", kRetryDelayMs, 0xFFFFFFFF, 60'000},  // signed: -1
+      {"Urgent retry delay (ms)", kUrgentRetryDelayMs, 22'500, 22'500, kMissing},
       {"Urgent retry delay (ms)", kUrgentRetryDelayMs, 4'999, 5'000},
       {"Urgent retry delay (ms)", kUrgentRetryDelayMs, 1'000'000, 180'000},
       {"Urgent retry delay (ms)", kUrgentRetryDelayMs, 0x80000000, 5'000},
+      {"Maximum retry delay (mins)", kMaxRetryDelayMs, 120, 7'200'000, kMissing},
       {"Maximum retry delay (mins)", kMaxRetryDelayMs, 0, 60'000},
       {"Maximum retry delay (mins)", kMaxRetryDelayMs, 1'441, 86'400'000},
+      {"Maximum download attempts", kMaxDownloadAttempts, 0, 0, kMissing},
       {"Maximum download attempts", kMaxDownloadAttempts, 100, 100},
       {"Maximum download attempts", kMaxDownloadAttempts, 101, 0},
       {"Maximum download attempts", kMaxDownloadAttempts, 0xFFFFFFFF, 0},  // unsigned: very large
+      {"Maximum download attempt time (mins)", kMaxAttemptTimeMs, 0, 0, kMissing},
       {"Maximum download attempt time (mins)", kMaxAttemptTimeMs, 20'160, 1'209'600'000},
       {"Maximum download attempt time (mins)", kMaxAttemptTimeMs, 20'161, 0},
+      {"Download history size", kHistorySize, 30, 30, kMissing},
       {"Download history size", kHistorySize, 100, 100},
       {"Download history size", kHistorySize, 101, 0},
+      {"Min Disk Free Space (MBytes)", kMinDiskFreeBytes, 500, 524'288'000, kMissing},
       {"Min Disk Free Space (MBytes)", kMinDiskFreeBytes, 10, 52'428'800},
       {"Min Disk Free Space (MBytes)", kMinDiskFreeBytes, 0x1000001, 0x1000000ull * 1'048'576},
       {"Min Disk Free Space (MBytes)", kMinDiskFreeBytes, 0xFFFFFFFF, 52'428'800},
+      {"Package Source Expiry (mins)", kSourceExpiryMinutes, 10, 10, kMissing},
       {"Package Source Expiry (mins)", kSourceExpiryMinutes, 0, 1},
       {"Package Source Expiry (mins)", kSourceExpiryMinutes, 10'081, 10'080},
+      {"Site transfer keep-alive interval (seconds)", kKeepAliveSeconds, 300, 300, kMissing},
       {"Site transfer keep-alive interval (seconds)", kKeepAliveSeconds, 9, 10},
       {"Site transfer keep-alive interval (seconds)", kKeepAliveSeconds, 901, 900},
+      {"Server Request Maximum Backoff Interval (mins)", kMaxBackoffMinutes, 120, 120, kMissing},
       {"Server Request Maximum Backoff Interval (mins)", kMaxBackoffMinutes, 0, 1},
       {"Server Request Maximum Backoff Interval (mins)", kMaxBackoffMinutes, 1'441, 1'440},
+      {"Maximum decrypt failures", kMaxDecryptFailures, 10, 10, kMissing},
       {"Maximum decrypt failures", kMaxDecryptFailures, 0, 10},
       {"Maximum decrypt failures", kMaxDecryptFailures, 1, 1},
       {"Maximum decrypt failures", kMaxDecryptFailures, 0xFFFFFFFF, 10},
   };
   for (const ValueCase& c : cases) {
-    Store(c.name, c.stored);
-    EXPECT_EQ(c.read(settings_), c.result) << c.name << " stored " << c.stored;
-    EXPECT_EQ(Stored(c.name), SettingValue::Number(c.stored)) << c.name << " was corrected";
+    SCOPED_TRACE(std::string(c.name) + (c.missing ? " missing" : " stored " + std::to_string(c.stored)));
+    if (c.missing) {
+      ASSERT_EQ(Stored(c.name), std::nullopt);
+    } else {
+      Store(c.name, c.stored);
+    }
+    EXPECT_EQ(c.read(settings_), c.result);
+    EXPECT_EQ(Stored(c.name), SettingValue::Number(c.stored));
   }
+  EXPECT_EQ(DeliverySettings::Rules().size(), 11u);
+  EXPECT_FALSE(log_.Contains("Unable to save setting"));
+
   // A value of the wrong type is replaced by the default.
   store_->Set(kDeliverySettingsKey, "Download history size", SettingValue::Text("50"));
   EXPECT_EQ(settings_.HistorySize(), 30u);

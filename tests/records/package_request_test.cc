@@ -202,16 +202,13 @@ TEST(PackageRequestTest, EqualityComparesTheListedFieldsOnly) {
       {"status", [](PackageRequest& r) { r.SetStatus(PKGDLV_VALID, "", false); }},
       {"codebases", [](PackageRequest& r) { r.codebases[0].packageServer = true; }},
       {"location", [](PackageRequest& r) { r.location = "\\l"; }},
-      {"sourceKey", [](PackageRequest& r) { r.sourceKey = "k"; }},
       {"optionalHashCheck", [](PackageRequest& r) { r.SetOptionalHashCheck(true); }},
       {"enableMulticast", [](PackageRequest& r) { r.enableMulticast = false; }},
       {"downloadStartSLA", [](PackageRequest& r) { r.downloadStartSLA = 5; }},
   };
   const std::pair<const char*, Change> ignored[] = {
       {"statusDescription", [](PackageRequest& r) { r.statusDescription = "d"; }},
-      {"UserAccessName", [](PackageRequest& r) { r.UserAccessName = "u"; }},
       {"password", [](PackageRequest& r) { r.SetUserAccessPassword("p"); }},
-      {"SLAStartTime", [](PackageRequest& r) { r.SLAStartTime = 5; }},
       {"timeoutExceeded", [](PackageRequest& r) { r.timeoutExceeded = true; }},
       {"serverDescription", [](PackageRequest& r) { r.codebases[0].serverDescription = "s"; }},
   };

@@ -6,8 +6,6 @@
 #include <chrono>
 #include <thread>
 
-#include "support/fake_clock.h"
-
 namespace pkgdlv {
 namespace {
 
@@ -52,26 +50,6 @@ TEST(EventTest, SetFromAnotherThreadReleasesAllManualWaitersAndOneAutoWaiterPerS
   for (auto& t : threads) t.join();
   EXPECT_EQ(released.load(), 3);
   EXPECT_EQ(tokens.load(), 3);
-}
-
-TEST(FakeClockTest, TimedWaitEndsWhenTimeIsAdvancedPastItsDueTimeOrItsEventIsSet) {
-  testing::FakeClock clock;
-  Event first(Event::Reset::kManual), second(Event::Reset::kManual);
-  std::atomic<int> timed{-2}, woken{-2};
-  std::thread timedWaiter([&] { timed = clock.WaitAny({&first}, 180'000); });
-  std::thread wokenWaiter([&] { woken = clock.WaitAny({&second}, 3'600'000); });
-  ASSERT_TRUE(clock.AwaitTimedWaiters(2));
-  const FileTime before = clock.Now();
-  clock.Advance(179'999);
-  EXPECT_EQ(clock.TimedWaiters(), 2u) << "a wait ended before its due time";
-  clock.Advance(1);
-  timedWaiter.join();
-  EXPECT_EQ(timed.load(), Event::kTimedOut);
-  second.Set();
-  wokenWaiter.join();
-  EXPECT_EQ(woken.load(), 0);
-  EXPECT_EQ(clock.Now(), before + 180'000 * kFileTimeTicksPerMs);
-  EXPECT_EQ(clock.TimedWaiters(), 0u);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include "support/temp_dir.h"
 #include "util/error.h"
+#include "util/xml.h"
 #include "util/xml_test_support.h"
 
 namespace pkgdlv::xml {
@@ -132,6 +133,7 @@ TEST(XmlSaxTest, HandlerExceptionLeavesTheParse) {
   EXPECT_EQ(parser.ParseMemory("<a/>", quiet), SAXParser::Outcome::kCompleted);
 }
 
+// Both readers: the tree and the streaming one.
 TEST(XmlSaxTest, ErrorsCarryCodeAndReason) {
   SAXParser parser;
   SAXContentHandler handler;
@@ -142,6 +144,7 @@ TEST(XmlSaxTest, ErrorsCarryCodeAndReason) {
     const char* reason;
   } cases[] = {
       {[&] { parser.ParseMemory("<a>\n<b></a>", handler); }, result::kInvalidData, "line 2"},
+      {[&] { Document::Parse("<a>\n<b></a>"); }, result::kInvalidData, "line 2"},
       {[&] { parser.ParseFile(dir / "missing.xml", handler); }, result::kFileNotFound, "missing.xml"},
   };
   for (const auto& c : cases) {
