@@ -235,6 +235,10 @@ TEST_F(AgentLogTest, ConsoleAndDebugOutputCopies) {
     EXPECT_EQ(console_.str(), c.console) << c.name;
     EXPECT_EQ(debug_.str(), c.debug) << c.name;
   }
+  // A server's text never reaches a terminal as control sequences.
+  console_.str("");
+  NewLog()->Log(kInfo | kConsole, "MulticastEngine", "%ls", std::string("name\x1b[2J\x07"));
+  EXPECT_EQ(console_.str().find_first_of("\x1b\x07"), std::string::npos) << console_.str();
 }
 
 TEST_F(AgentLogTest, MissingFixedSettingsAreWrittenWithDefaultsButNotTheFolderWhenWritesWork) {

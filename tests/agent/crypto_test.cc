@@ -127,6 +127,15 @@ TEST(FileHasherTest, HashesEverySizeAroundTheBlockSizeAndSurvivesFailures) {
   EXPECT_EQ(Hex(hasher.Hash(dir / "abc").file_hash),
             "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
   EXPECT_EQ(CodeOf([] { FileHasher zero(0); }), result::kInvalidArg);
+
+  // Blocks larger than the hasher's read buffer are fed to their HMAC in
+  // pieces; the chain is the same.
+  constexpr uint32_t kLargeBlock = FileHasher::kMaxReadBytes * 2 + 5;
+  const Bytes large = RandomBytes(kLargeBlock * 2 + 7, 7);
+  testing::WriteFile(dir / "large", std::string(large.begin(), large.end()));
+  const FileHashes hashes = FileHasher(kLargeBlock).Hash(dir / "large");
+  EXPECT_EQ(hashes.size, large.size());
+  EXPECT_EQ(hashes.block_hashes, ReferenceChain(large, kLargeBlock));
 }
 
 // ---- Signatures ----

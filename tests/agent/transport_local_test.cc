@@ -2,6 +2,7 @@
 // files and folders, listings that must never leave the folder; and the
 // connection options as the package download transport sets them.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -51,6 +52,9 @@ TEST_F(LocalTransportTest, MissingFilesAndFoldersAndBadPathsAreTold) {
   EXPECT_EQ(CodeOf([&] { transport_->ListDirectory(Stored("missing"), true); }), result::kPathNotFound);
   EXPECT_EQ(CodeOf([&] { transport_->ListDirectory("http://127.0.0.1/pkg/", true); }), result::kNotImplemented);
   EXPECT_EQ(CodeOf([&] { transport_->ListDirectory("ftp://host/pkg", true); }), result::kInvalidProtocol);
+  // A FIFO would hold the read forever: it is refused, never opened.
+  ASSERT_EQ(::mkfifo((dir_ / "pkg" / "fifo").c_str(), 0600), 0);
+  EXPECT_EQ(CodeOf([&] { transport_->DownloadText(Stored("pkg/fifo")); }), result::kInvalidArg);
 }
 
 TEST_F(LocalTransportTest, ListsSafeNamesOnly) {

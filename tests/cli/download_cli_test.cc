@@ -14,9 +14,9 @@
 #include <string>
 #include <thread>
 
+#include "cli_test_support.h"
 #include "support/http_test_server.h"
 #include "support/nginx_server.h"
-#include "support/temp_dir.h"
 #include "support/test_keys.h"
 
 extern char** environ;
@@ -24,17 +24,8 @@ extern char** environ;
 namespace pkgdlv {
 namespace {
 
-namespace fs = std::filesystem;
-using testing::ReadFile;
-using testing::RunTool;
-using testing::TempDir;
-using testing::ToolResult;
-using testing::WriteFile;
-
 constexpr const char* kId = "{3A4B5C6D-7E8F-4091-A2B3-C4D5E6F70819}";
 constexpr uint32_t kBlock = 1u << 20;
-
-std::string Quote(const fs::path& path) { return "'" + path.string() + "'"; }
 
 // A package of four 4 MiB files published with a signed snapshot; the
 // request document names nginx (or another server) and the key.
