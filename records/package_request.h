@@ -99,8 +99,9 @@ std::string PriorityName(int32_t priority);
 // gives "\\host\share"). Escapes that are not "%" and two hexadecimal digits,
 // runs of escaped bytes that are not valid UTF-8, and escaped control
 // characters are kept as written, so the path is valid UTF-8 when the value
-// was and never gains a control character. Any other value (http, https, a
-// UNC path) is kept as written: the transport reads URLs as URLs.
+// was and never gains a control character. An absolute path ("/srv/pkg")
+// becomes the same local path ("\\\srv\pkg"). Any other value (http, https,
+// a UNC path) is kept as written: the transport reads URLs as URLs.
 std::string DecodeCodebaseLocation(std::string_view value);
 
 class PackageRequest {

@@ -113,6 +113,12 @@ bool operator==(const CodebaseEntry& a, const CodebaseEntry& b) {
 }
 
 std::string DecodeCodebaseLocation(std::string_view value) {
+  if (value.starts_with('/') && !value.starts_with("//")) {
+    // An absolute path of this computer, as a person writes one.
+    std::string out = "\\\\";
+    for (char c : value) AppendConverted(out, c);
+    return out;
+  }
   if (!StartsWithNoCase(value, "file:")) return std::string(value);
   value.remove_prefix(5);
   std::string out;

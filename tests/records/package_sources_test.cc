@@ -28,6 +28,8 @@ TEST(DecodeCodebaseLocationTest, FileUrlsBecomePathsOtherValuesStay) {
       {"file:///p/%zz%4", "\\\\\\p\\%zz%4"},
       {"file:///p/%00%0A%7F", "\\\\\\p\\%00%0A%7F"},
       {"file:", ""},
+      // Absolute paths of this computer.
+      {"/srv/pkgs/a b", "\\\\\\srv\\pkgs\\a b"},
       // Not file URLs.
       {"http://h/PS/Share/a%20b", "http://h/PS/Share/a%20b"},
       {"\\\\srv\\share", "\\\\srv\\share"},
