@@ -14,24 +14,6 @@ using testing::LoggedSnapshot;
 using testing::SnapshotDoc;
 using testing::StdAttributes;
 
-TEST(BlockHashesTest, DecodesEveryFilesHashes) {
-  // Block size 4: a (5 bytes) has 2 blocks, sub\b (4 bytes) 1, the empty file none.
-  const std::string doc = SnapshotDoc(StdAttributes("4"), R"(<Root size="9">
-      <File name="a" size="5" blockHash=")" + HashText(64, 1) +
-                                                              R"("/>
-      <File name="empty" size="0"/>
-      <Folder name="sub"><Folder name="deeper"/><File name="b" size="4" blockHash=")" +
-                                                              HashText(32, 9) + R"("/></Folder></Root>)");
-  LoggedSnapshot s;
-  ASSERT_TRUE(s.snapshot.LoadXml(doc));
-  ASSERT_TRUE(s.snapshot.LoadBlockHashes());
-  EXPECT_EQ(LastSnapshotError(), 0u);
-  EXPECT_EQ(s.snapshot.FindEntry("", "a")->blockHashes, testing::HashBytes(64, 1));
-  EXPECT_EQ(s.snapshot.FindEntry("sub", "b")->blockHashes, testing::HashBytes(32, 9));
-  EXPECT_TRUE(s.snapshot.FindEntry("", "empty")->blockHashes.empty());
-  EXPECT_TRUE(s.log->Lines().empty());
-}
-
 TEST(BlockHashesTest, BadHashesAreRefusedAndTheFileReportedAsWithoutHashes) {
   const std::string bad = "Invalid snapshot XML: Bad block hash detected for file '\\a'";
   const std::pair<std::string, std::string> cases[] = {  // the blockHash attribute of a 5 byte file, the line

@@ -5,22 +5,16 @@
 
 #include "agent/crypto.h"
 #include "snapshot/snapshot_builder.h"
-#include "snapshot_test_support.h"
-#include "support/temp_dir.h"
+#include "validation_test_support.h"
 
 namespace pkgdlv {
 namespace {
 
 using testing::LoggedSnapshot;
+using testing::Pattern;
 using testing::TempDir;
 using testing::WriteFile;
 namespace fs = std::filesystem;
-
-std::string Pattern(size_t size, char seed) {
-  std::string data(size, '\0');
-  for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(seed + i * 7);
-  return data;
-}
 
 std::vector<uint8_t> ExpectedBlockHashes(const std::string& data, uint32_t blockSize) {
   std::vector<uint8_t> out;
@@ -85,7 +79,7 @@ TEST(SnapshotBuilderTest, ListsHashesAndNumbersAFolder) {
 
 TEST(SnapshotBuilderTest, OneThreadOrTwoGiveTheSameSnapshot) {
   TempDir dir;
-  for (int i = 0; i < 20; ++i) WriteFile(dir / ("f" + std::to_string(i)), Pattern(1000 + i * 300, char(i)));
+  for (int i = 0; i < 20; ++i) WriteFile(dir / ("f" + std::to_string(i)), Pattern(1000 + i * 300, i));
   Snapshot one, two;
   SnapshotBuildOptions options;
   options.blockSize = 512;

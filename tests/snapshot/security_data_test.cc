@@ -22,22 +22,6 @@ using testing::WriteFile;
 
 const std::string kOtherId = "{11111111-2222-3333-4444-555555555555}";
 
-TEST(SecurityDataTest, ComposeAndParseBack) {
-  LoggedSnapshot s;
-  s.snapshot.id = *Guid::Parse(testing::kTestId);
-  s.snapshot.path = "/pkg/x & y";
-  s.snapshot.signature = "c2lnbmF0dXJl";
-  const std::string text = s.snapshot.ComposeSecurityData();
-  EXPECT_EQ(text, std::string(R"(<SnapshotData id=")") + testing::kTestId + R"(" path="/pkg/x &amp; y">
-  <Security signature="c2lnbmF0dXJl"/>
-</SnapshotData>)");
-  LoggedSnapshot back;
-  ASSERT_TRUE(back.snapshot.LoadXml(text, /*isSecurityData=*/true));
-  EXPECT_EQ(back.snapshot.id, s.snapshot.id);
-  EXPECT_EQ(back.snapshot.path, s.snapshot.path);
-  EXPECT_EQ(back.snapshot.signature, s.snapshot.signature);
-}
-
 TEST(SecurityDataTest, WhatADocumentReplaces) {
   struct Case {
     std::string title, document;

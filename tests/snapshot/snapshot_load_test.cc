@@ -123,6 +123,14 @@ const std::vector<LoadCase> kLoadCases = {
      SnapshotDoc(R"(blockSize="1")",
                  R"(<Root size="8388609"><File name="a" size="8388609" blockHash=")" + HashText(32) + R"("/></Root>)"),
      true, ""},
+    // Empty values are refused; a document of nothing but a Root is an empty legacy snapshot.
+    {"OnlyAnEmptyRoot", SnapshotDoc("", R"(<Root size="0"/>)"), true, ""},
+    {"EmptyRootSize", SnapshotDoc("", R"(<Root size=""/>)"), false, kInvalid},
+    {"EmptyId", SnapshotDoc(R"(id="")", R"(<Root size="0"/>)"), false, kInvalid},
+    {"EmptyVersion", SnapshotDoc(R"(version="")", R"(<Root size="0"/>)"), false, kInvalid},
+    {"EmptyFileSize", Doc(R"(<Root size="0"><File name="a" size=""/></Root>)"), false, kInvalid},
+    {"EmptyFileTime", Doc(R"(<Root size="0"><File name="a" lastModifiedTime=""/></Root>)"), false, kInvalid},
+    {"NamespacedFileIsNoFile", Doc(R"(<Root size="0"><x:File xmlns:x="urn:x" name="a" size="5"/></Root>)"), true, ""},
     {"Utf16",
      testing::ToUtf16(SnapshotDoc("version=\"2\"", R"(<Root size="1"><File name="a" size="1"/></Root>)"), false), true,
      "Legacy snapshot XML: Missing hash block size", loglevel::kInfo},
@@ -285,21 +293,6 @@ TEST(SnapshotLoadTest, IncompleteFiles) {
     EXPECT_EQ(s.snapshot.IsIncomplete(), c.incomplete) << c.file;
   }
   EXPECT_FALSE(Snapshot().IsIncomplete());  // no entries
-}
-
-TEST(SnapshotLoadTest, ResetEmptiesEverything) {
-  LoggedSnapshot s;
-  ASSERT_TRUE(s.snapshot.LoadXml(SnapshotDoc(R"(blockSize="8")", kOneFile)));
-  s.snapshot.signature = "x";
-  s.snapshot.hashNotRequired = true;
-  s.snapshot.Reset();
-  Snapshot fresh;
-  EXPECT_EQ(s.snapshot, fresh);
-  EXPECT_TRUE(s.snapshot.documentText.empty());
-  EXPECT_TRUE(s.snapshot.signature.empty());
-  EXPECT_FALSE(s.snapshot.hashNotRequired);
-  EXPECT_EQ(s.snapshot.blockSize, kDefaultBlockSize);
-  EXPECT_EQ(s.snapshot.totalBlocks, 0u);
 }
 
 // What the builder writes loads back: a file of 1 GiB hashed in 4 KiB blocks

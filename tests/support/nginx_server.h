@@ -4,8 +4,6 @@
 // own; the server stops when the object goes.
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -13,12 +11,10 @@
 #include <string_view>
 #include <vector>
 
+#include "support/server_process.h"
 #include "support/temp_dir.h"
 
 namespace pkgdlv::testing {
-
-// A TCP port on 127.0.0.1 that was free a moment ago.
-int FreeLocalPort();
 
 class NginxServer {
  public:
@@ -50,7 +46,7 @@ class NginxServer {
  private:
   TempDir dir_;
   int port_ = 0;
-  pid_t pid_ = -1;
+  ServerProcess process_;  // stopped before dir_ goes
 };
 
 }  // namespace pkgdlv::testing

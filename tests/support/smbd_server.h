@@ -6,14 +6,13 @@
 // fails rather than passes.
 #pragma once
 
-#include <sys/types.h>
-
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "support/server_process.h"
 #include "support/temp_dir.h"
 
 namespace pkgdlv::testing {
@@ -53,7 +52,7 @@ class SmbdServer {
  private:
   TempDir dir_;
   int port_ = 0;
-  pid_t pid_ = -1;
+  ServerProcess process_;  // stopped before dir_ goes
 };
 
 }  // namespace pkgdlv::testing

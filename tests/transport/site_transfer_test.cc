@@ -106,22 +106,6 @@ TEST_F(SiteTransferTest, EachActionSendsItsDocumentToTheSitePage) {
   EXPECT_TRUE(env_.log->Contains("Failed to execute SiteTransfer action: "));
 }
 
-TEST_F(SiteTransferTest, SenderGetsTheDocumentAtItsEndpoint) {
-  UseSender();
-  PackageDownload download(env_.services);
-  SiteTransfer transfer(download, env_.services.site_limits);
-  ASSERT_TRUE(transfer.Perform(SiteTransfer::kStart, &request_, "S-1", 2, 100, 0));
-  ASSERT_TRUE(transfer.Perform(SiteTransfer::kDone, nullptr, "", 0, 100, 40));
-  const std::vector<testing::SentRequest> sent = sender_->Sent();
-  ASSERT_EQ(sent.size(), 2u);
-  EXPECT_EQ(sent[0].endpointName, "SiteTransfer");
-  EXPECT_EQ(sent[0].endpointId, "{C84E0B59-2F6D-4A13-9E7B-50D1A8C3F629}");
-  EXPECT_EQ(sent[0].body, Document("Start", "S-1", 2, 100, 0));
-  EXPECT_EQ(sent[1].body, Document("Done", "S-1", 2, 100, 40));
-  EXPECT_EQ(server_.Requests().size(), 0u);
-  EXPECT_FALSE(env_.log->Contains("Failed to get the persistent connection sender"));
-}
-
 // Values of the first stage come out of the second as they went in, escaped
 // for XML; percent signs in them are not taken for format fields.
 TEST_F(SiteTransferTest, FirstStageValuesAreEscapedAndKept) {
@@ -255,6 +239,9 @@ TEST_F(SiteTransferTest, UpdateWhileAnotherIsRunningReturnsAtOnce) {
   EXPECT_TRUE(transfer.Perform(SiteTransfer::kUpdate, nullptr, "", 0, 100, 30));
   ASSERT_EQ(sender_->Sent().size(), 2u);
   EXPECT_EQ(sender_->Sent()[1].body, Document("Update", "S-1", 3, 100, 30));
+  EXPECT_EQ(sender_->Sent()[1].endpointName, "SiteTransfer");
+  EXPECT_EQ(sender_->Sent()[1].endpointId, "{C84E0B59-2F6D-4A13-9E7B-50D1A8C3F629}");
+  EXPECT_EQ(server_.Requests().size(), 0u);
 }
 
 TEST(SiteLimitsTest, ReadsLimitsAndServerUrlFromSettings) {
@@ -279,20 +266,6 @@ TEST(SiteLimitsTest, ReadsLimitsAndServerUrlFromSettings) {
   EXPECT_EQ(limits->SiteTransferServerUrl("Five"), "");
   settings->Set(kSitesSettingsKey, kSiteTransferServerUrlValue, SettingValue::Text("https://qs.example"));
   EXPECT_EQ(limits->SiteTransferServerUrl("Five"), "https://qs.example");
-}
-
-TEST(KeepAliveTimerTest, TicksEveryIntervalOfTheClock) {
-  auto clock = std::make_shared<testing::FakeClock>();
-  std::atomic<int> ticks{0};
-  KeepAliveTimer timer(clock, 10'000, [&] { ticks++; });
-  for (int expected = 1; expected <= 3; ++expected) {
-    ASSERT_TRUE(clock->AwaitTimedWaiters(1));
-    EXPECT_EQ(clock->EarliestDeadline(), clock->TickCount() + 10'000);
-    clock->Advance(9'999);
-    EXPECT_EQ(ticks, expected - 1);
-    clock->Advance(1);
-    ASSERT_TRUE(Eventually([&] { return ticks == expected; }));
-  }
 }
 
 // A tick that outlasts intervals does not move the schedule: the calls that

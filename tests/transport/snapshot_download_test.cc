@@ -6,6 +6,7 @@
 
 #include "agent/crypto.h"
 #include "agent/server_profile.h"
+#include "block_test_support.h"
 #include "snapshot/snapshot.h"
 #include "support/http_test_server.h"
 #include "support/nginx_server.h"
@@ -46,12 +47,6 @@ std::vector<std::string> Names(const Snapshot& snapshot) {
     names.push_back(entry.folder.empty() ? entry.name : entry.folder + (entry.name.empty() ? "" : "\\" + entry.name));
   }
   return names;
-}
-
-std::string Stored(const std::filesystem::path& path) {
-  std::string text = path.string();
-  for (char& c : text) c = c == '/' ? '\\' : c;
-  return "\\\\" + text;
 }
 
 class SnapshotDownloadTest : public ::testing::Test {
@@ -158,8 +153,8 @@ TEST_F(NginxSnapshotTest, ListingFilesAndFolders) {
       // No listing file (404): the folder is listed instead, which HTTP cannot do.
       {nginx_->Url("/plain"), 0x80004001, {}, 1},
       // A local folder is listed; the link that leads out of it is left out.
-      {Stored(local.path()), 0, {"a.txt", "sub", "sub\\b.txt"}, 1},
-      {Stored(local / "missing"), 0x80070003, {}, 1},
+      {testing::StoredFolder(local.path()), 0, {"a.txt", "sub", "sub\\b.txt"}, 1},
+      {testing::StoredFolder(local / "missing"), 0x80070003, {}, 1},
       // A listing that names a file outside the folder is refused outright.
       {nginx_->Url("/hostile"), 0x80004005, {}, 1},
       {"", 0x80070057, {}, 0},
