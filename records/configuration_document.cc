@@ -63,9 +63,10 @@ std::string ReadConfigurationDocument(DeliverySettings& settings, const WorkFold
 }
 
 void WriteConfigurationDocument(std::string_view xml, DeliverySettings& settings, const WorkFolderAccess& work_folder) {
-  std::optional<xml::Document> document = xml::Document::TryParse(xml);
+  std::string reason = "the document has no root element";
+  std::optional<xml::Document> document = xml::Document::TryParse(xml, &reason);
   xml::Node root = document ? document->Root() : xml::Node();
-  if (!root) Throw(result::kInvalidArg, "Configuration XML failed to load");
+  if (!root) Throw(result::kInvalidArg, "Configuration XML failed to load: %ls", reason);
 
   std::array<std::optional<int64_t>, kNumericAttributes.size()> numbers;
   for (size_t i = 0; i < kNumericAttributes.size(); ++i) {

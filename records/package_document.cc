@@ -138,10 +138,11 @@ std::optional<Guid> NamedId(const xml::Node& element) {
 
 bool PackageRequest::LoadFromXml(std::string_view text) {
   if (text.empty()) return true;
-  std::optional<xml::Document> document = xml::Document::TryParse(text);
+  std::string reason = "the document has no root element";
+  std::optional<xml::Document> document = xml::Document::TryParse(text, &reason);
   xml::Node root = document ? document->Root() : xml::Node();
   if (!root) {
-    log_->Log(loglevel::kWarning, kComponent, "Invalid package XML: XML failed to load");
+    log_->LogWithError(loglevel::kWarning, kComponent, reason, "Invalid package XML: XML failed to load");
     return false;
   }
   if (root.Name() != "Package") {

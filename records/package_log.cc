@@ -120,8 +120,9 @@ std::string PackageLog::Save() const {
 }
 
 void PackageLog::Load(std::string_view text) {
-  std::optional<xml::Document> document = xml::Document::TryParse(text);
-  if (!document) Throw(result::kFail, "Invalid XML: XML failed to load");
+  std::string reason;
+  std::optional<xml::Document> document = xml::Document::TryParse(text, &reason);
+  if (!document) Throw(result::kFail, "Invalid XML: XML failed to load: %ls", reason);
   xml::Node root = document->Root();
   if (!root || root.Name() != "Log") Throw(result::kFail, "Invalid XML: Incorrect root element");
   std::optional<std::string> id = root.Attribute("id");

@@ -177,10 +177,11 @@ bool PackageRequest::ReadSources(const xml::Document& document, const xml::Node&
 }
 
 bool PackageRequest::ApplySourcesResponse(std::string_view text) {
-  std::optional<xml::Document> document = xml::Document::TryParse(text);
+  std::string reason = "the document has no root element";
+  std::optional<xml::Document> document = xml::Document::TryParse(text, &reason);
   xml::Node root = document ? document->Root() : xml::Node();
   if (!root) {
-    log_->Log(loglevel::kWarning, kPackageRequestLogComponent, "Invalid source XML: XML failed to load");
+    log_->LogWithError(loglevel::kWarning, kPackageRequestLogComponent, reason, "Invalid source XML: XML failed to load");
     return false;
   }
   // The tree's copy of the password is wiped however this ends.

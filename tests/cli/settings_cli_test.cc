@@ -98,7 +98,8 @@ TEST_F(SettingsCliTest, ConfigShowsAndAppliesTheDocument) {
 
   ToolResult bad = Run("config set '<PackageDelivery'");
   EXPECT_EQ(bad.exit_code, 1);
-  EXPECT_EQ(bad.err, "pkgdlv: Configuration XML failed to load (0x80070057)\n");
+  EXPECT_TRUE(bad.err.starts_with("pkgdlv: Configuration XML failed to load: ")) << bad.err;
+  EXPECT_TRUE(bad.err.ends_with(" (0x80070057)\n")) << bad.err;
 }
 
 }  // namespace

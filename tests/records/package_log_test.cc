@@ -96,7 +96,7 @@ TEST_F(PackageLogTest, RefusedDocumentsLeaveTheHistoryAsItWas) {
   history_.totals.id = "{KEEP}";
   history_.RecordCycle(Cycle(1));
   const std::vector<std::pair<const char*, const char*>> refused = {
-      {"<Log id=", "Invalid XML: XML failed to load"},
+      {"<Log id=", "Invalid XML: XML failed to load: "},  // and the parser's reason
       {"<PackageLog id=\"{X}\"/>", "Invalid XML: Incorrect root element"},
       {"<Log attempts=\"3\"/>", "Invalid XML: Missing ID"},
   };
@@ -105,7 +105,7 @@ TEST_F(PackageLogTest, RefusedDocumentsLeaveTheHistoryAsItWas) {
       history_.Load(text);
       ADD_FAILURE() << text;
     } catch (const Error& e) {
-      EXPECT_EQ(e.description(), message);
+      EXPECT_TRUE(e.description().starts_with(message)) << e.description();
     }
     EXPECT_EQ(history_.totals.id, "{KEEP}");
     EXPECT_EQ(history_.entries.size(), 1u);

@@ -157,8 +157,10 @@ TEST_F(SourcesResponseTest, TakesCodebasesAccountKeyAndFlags) {
 
 TEST_F(SourcesResponseTest, RefusedAnswersChangeNothing) {
   const std::pair<std::string, std::string> cases[] = {
-      {std::string("<r password=\"") + kPassword + "\"", "Invalid source XML: XML failed to load"},
-      {"", "Invalid source XML: XML failed to load"},
+      // The parser's reason follows, and never the password it read.
+      {std::string("<r password=\"") + kPassword + "\"",
+       "Invalid source XML: XML failed to load, error: attributes construct error (line 1)"},
+      {"", "Invalid source XML: XML failed to load, error: Document is empty (line 1)"},
       {std::string("<r password=\"") + kPassword +
            "\"><Source><Codebase href=\"http://new/\"/><Codebase/></Source></r>",
        "Invalid package XML: source requires a href or unc attribute with a value"},
