@@ -126,15 +126,23 @@ std::string Snapshot(const fs::path& root, const Package& package) {
   return (meta / "snapshot.xml").string();
 }
 
-ChildRun Fetch(const std::string& snapshot, const std::string& url, const fs::path& dest) {
+// An empty destination, and no dirty pages left from the run before: the
+// kernel's write-back of an earlier run's gigabyte must not land on
+// whichever contender happens to run next.
+void FreshDestination(const fs::path& dest) {
   fs::remove_all(dest);
+  fs::create_directories(dest);
+  ::sync();
+}
+
+ChildRun Fetch(const std::string& snapshot, const std::string& url, const fs::path& dest) {
+  FreshDestination(dest);
   return Run({PKGDLV_CLI_PATH, "fetch", "--snapshot", snapshot, "--source", url, "--dest", dest.string()});
 }
 
 // (a): the same ranges the tool asks for, over one handle, written in place.
 double LibcurlRanges(const Package& package, const std::string& url, const fs::path& dest) {
-  fs::remove_all(dest);
-  fs::create_directories(dest);
+  FreshDestination(dest);
   const double start = WallSeconds();
   CURL* curl = curl_easy_init();
   std::vector<char> buffer;
@@ -166,8 +174,7 @@ double LibcurlRanges(const Package& package, const std::string& url, const fs::p
 
 // (b): one curl invocation, one connection, the list in a config file.
 ChildRun CurlTool(const Package& package, const std::string& url, const fs::path& dest, const fs::path& work) {
-  fs::remove_all(dest);
-  fs::create_directories(dest);
+  FreshDestination(dest);
   const fs::path config = work / (package.name + ".curlrc");
   std::ofstream out(config);
   for (const std::string& file : package.files) {
@@ -210,8 +217,7 @@ fs::path Metalink(const Package& package, const fs::path& root, const std::strin
 }
 
 ChildRun Aria2(const fs::path& metalink, const fs::path& dest) {
-  fs::remove_all(dest);
-  fs::create_directories(dest);
+  FreshDestination(dest);
   return Run({"aria2c", "-q", "-M", metalink.string(), "-d", dest.string(), "-j1", "-x1", "-s1",
               "--file-allocation=none", "--allow-overwrite=true", "--auto-file-renaming=false",
               "--realtime-chunk-checksum=true", "--all-proxy=", "--no-netrc=true"});
