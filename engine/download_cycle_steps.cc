@@ -220,12 +220,8 @@ std::string DownloadCycle::SettleSiteOutbound(const std::string& location) {
 // block) are the transport's to record; a cancellation is nobody's fault.
 void DownloadCycle::NoteServerFailure(Cycle& cycle, const std::string& location) {
   if (download_.TransportEndedNormally() || cycle.transfer.Reason() != kNotInterrupted) return;
-  if (cycle.engine.stop.IsSet() || !services_.server_profile) return;
-  try {
-    services_.server_profile->AddError(location);
-  } catch (...) {
-    services_.log->Log(loglevel::kWarning, kComponent, "Failed to add Server Profile error. Url: %ls", location);
-  }
+  if (cycle.engine.stop.IsSet()) return;
+  download_.RecordServerError(location);
 }
 
 void DownloadCycle::ComputeUpdateList(Cycle& cycle) {

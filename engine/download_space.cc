@@ -29,14 +29,10 @@ namespace {
 constexpr std::string_view kComponent = "PackageManager";
 
 // The volume of path, or of its nearest existing parent.
-std::optional<VolumeDetails> QueryVolume(VolumeInfo& volumes, fs::path path) {
-  std::error_code ec;
-  while (!path.empty() && !fs::exists(path, ec)) {
-    if (path == path.parent_path()) return std::nullopt;
-    path = path.parent_path();
-  }
-  if (path.empty()) return std::nullopt;
-  return volumes.Query(path);
+std::optional<VolumeDetails> QueryVolume(VolumeInfo& volumes, const fs::path& path) {
+  const fs::path existing = NearestExistingFolder(path);
+  if (existing.empty()) return std::nullopt;
+  return volumes.Query(existing);
 }
 
 uint64_t WithMargin(uint64_t bytes, uint64_t minimum) { return bytes * 6 / 5 + minimum; }

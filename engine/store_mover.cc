@@ -144,6 +144,15 @@ int SystemRename(const fs::path& from, const fs::path& to) {
 
 }  // namespace
 
+fs::path NearestExistingFolder(fs::path folder) {
+  std::error_code ec;
+  while (!folder.empty() && !fs::exists(folder, ec)) {
+    if (folder == folder.parent_path()) break;
+    folder = folder.parent_path();
+  }
+  return folder;
+}
+
 bool CopyFolderTree(const fs::path& source, const fs::path& target, const Event* stop, int& error) {
   std::error_code ec;
   fs::create_directory(target, ec);

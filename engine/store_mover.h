@@ -41,6 +41,10 @@ struct StoreSize {
 // Measures the package folders of workFolder (symbolic links are not followed).
 StoreSize MeasureStore(const std::filesystem::path& workFolder);
 
+// The folder itself, or the nearest of its parents that exists (empty when
+// none does): where a folder still to be made would live.
+std::filesystem::path NearestExistingFolder(std::filesystem::path folder);
+
 // Copies source's tree to target (which must not exist), time stamps kept,
 // leaving working files and symbolic links behind. stop (may be null) ends
 // the copy between files and blocks. error: the errno of the first failure

@@ -37,16 +37,6 @@ bool IsSystemFolder(const fs::path& resolved) {
   return false;
 }
 
-// The folder itself, or the nearest of its parents that exists.
-fs::path NearestExisting(fs::path folder) {
-  std::error_code ec;
-  while (!folder.empty() && !fs::exists(folder, ec)) {
-    if (folder == folder.parent_path()) break;
-    folder = folder.parent_path();
-  }
-  return folder;
-}
-
 bool OnSameVolume(const fs::path& a, const fs::path& b) {
   struct stat sa {}, sb {};
   return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev;
@@ -140,7 +130,7 @@ PackageManager::Relocation PackageManager::RelocateWorkFolder(const fs::path& re
 
   log.Log(loglevel::kInfo, kComponent, "Package relocation is started. Current path: %ls, new path: %ls.",
           current.string(), newFolder.string());
-  const fs::path existing = NearestExisting(newFolder);
+  const fs::path existing = NearestExistingFolder(newFolder);
   std::optional<VolumeDetails> volume = services_.volumes ? services_.volumes->Query(existing) : std::nullopt;
   if (!volume || !volume->fixedDrive) {
     return refuse(PKGDLV_RELOCATE_ABORTED_NOT_LOCAL,

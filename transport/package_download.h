@@ -123,6 +123,9 @@ class PackageDownload {
   int32_t State() const;
   // When the back-off in force lets the next package sources request go.
   FileTime NextAllowedTime() const;
+  // Counts an error against the server of url in the agent's server profile,
+  // so that server selection avoids it; a failure to record is a warning.
+  void RecordServerError(std::string_view url);
   // Whether the network transport ended the last operation in its normal end
   // state (not recorded for a cancelled operation).
   bool TransportEndedNormally() const;
@@ -171,7 +174,6 @@ class PackageDownload {
   bool TryListingFile(const SnapshotQuery& query, Snapshot& snapshot);
   void ListSourceDirectory(const SnapshotQuery& query, Snapshot& snapshot);
 
-  void RecordServerError(std::string_view url);
   FileTime Now() const;
 
   AgentServices services_;
