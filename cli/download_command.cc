@@ -18,6 +18,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/command_registry.h"
+#include "cli/document_input.h"
 #include "cli/progress_view.h"
 #include "cli/signal_watcher.h"
 #include "cli/work_folder.h"
@@ -25,7 +26,6 @@
 #include "engine/package_manager.h"
 #include "records/package_request.h"
 #include "util/error.h"
-#include "util/file_reader.h"
 #include "util/format.h"
 #include "util/strings.h"
 
@@ -42,15 +42,9 @@ struct DownloadArgs {
   bool noWait = false;
 };
 
-std::string ReadText(const std::string& path) {
-  if (path == "-") return ReadStreamCapped(std::cin);
-  std::vector<uint8_t> bytes = ReadFileCapped(path);
-  return std::string(bytes.begin(), bytes.end());
-}
-
 std::shared_ptr<PackageRequest> LoadRequest(const std::string& path, AgentServices& services) {
   auto request = std::make_shared<PackageRequest>(services);
-  std::string text = ReadText(path);
+  std::string text = ReadDocumentArgument(path);
   const bool loaded = request->LoadFromXml(text);
   WipeString(text);
   if (!loaded) throw CommandFailure{"the request document was refused (see the agent log)"};

@@ -12,10 +12,10 @@
 #include "agent/clock.h"
 #include "agent/crypto.h"
 #include "cli/command_registry.h"
+#include "cli/document_input.h"
 #include "records/package_request.h"
 #include "util/atomic_file.h"
 #include "util/strings.h"
-#include "util/file_reader.h"
 
 namespace pkgdlv::cli {
 namespace {
@@ -57,12 +57,6 @@ const char* LevelName(uint32_t severity) {
   }
 }
 
-std::string ReadRequest(const std::string& path) {
-  if (path == "-") return ReadStreamCapped(std::cin);
-  std::vector<uint8_t> bytes = ReadFileCapped(path);
-  return std::string(bytes.begin(), bytes.end());
-}
-
 nlohmann::json Summary(const PackageRequest& record) {
   auto guard = record.Lock();
   nlohmann::json codebases = nlohmann::json::array();
@@ -91,7 +85,7 @@ struct ShowArgs {
 void Show(const ShowArgs& args, Context& context) {
   auto log = std::make_shared<CollectingLogger>();
   PackageRequest record(log, NewSystemClock(), NewOpenSslCrypto());
-  std::string text = ReadRequest(args.request);
+  std::string text = ReadDocumentArgument(args.request);
   bool loaded = record.LoadFromXml(text);
   WipeString(text);
   std::vector<CollectingLogger::Line> lines = log->lines();
