@@ -11,6 +11,8 @@
 #include <system_error>
 #include <vector>
 
+#include "util/unique_fd.h"
+
 namespace pkgdlv::agent_log {
 namespace {
 
@@ -18,21 +20,6 @@ namespace fs = std::filesystem;
 
 constexpr mode_t kFileMode = 0644;
 constexpr unsigned kMaxRenameAttempts = 100'000;
-
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
 
 int OpenRetrying(const char* path, int flags, mode_t mode) {
   int fd;
@@ -47,7 +34,7 @@ class ExclusiveFileLock {
  public:
   explicit ExclusiveFileLock(const fs::path& lock_file)
       : fd_(OpenRetrying(lock_file.c_str(), O_RDONLY | O_CREAT, kFileMode)) {
-    if (!fd_.valid()) return;
+    if (!fd_.ok()) return;
     int rc;
     do {
       rc = flock(fd_.get(), LOCK_EX);
@@ -57,7 +44,7 @@ class ExclusiveFileLock {
   bool locked() const { return locked_; }
 
  private:
-  FileDescriptor fd_;
+  UniqueFd fd_;
   bool locked_ = false;
 };
 
@@ -170,8 +157,8 @@ bool AppendToLogFile(const AppendRequest& request, const RecordBuilder& build, s
     RollOver(request.folder, request.file_name, request.max_files);
   }
 
-  FileDescriptor fd(OpenRetrying(file.c_str(), O_WRONLY | O_APPEND | O_CREAT, kFileMode));
-  if (!fd.valid()) return fail("open", file, errno);
+  UniqueFd fd(OpenRetrying(file.c_str(), O_WRONLY | O_APPEND | O_CREAT, kFileMode));
+  if (!fd.ok()) return fail("open", file, errno);
   struct stat info {};
   if (fstat(fd.get(), &info) != 0) return fail("read the size of", file, errno);
   if (!WriteAll(fd.get(), build(info.st_size == 0))) return fail("write to", file, errno);

@@ -9,22 +9,11 @@
 #include <span>
 #include <string>
 
+#include "util/unique_fd.h"
+
 namespace pkgdlv::validation_io {
 
-class FileHandle {
- public:
-  explicit FileHandle(int fd) : fd_(fd) {}
-  ~FileHandle() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileHandle(const FileHandle&) = delete;
-  FileHandle& operator=(const FileHandle&) = delete;
-  int get() const { return fd_; }
-  bool ok() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
+using FileHandle = UniqueFd;
 
 // Reads until buffer is full or the file ends; -1 (errno set) on an error.
 inline ssize_t ReadFully(int fd, std::span<uint8_t> buffer) {

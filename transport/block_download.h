@@ -148,9 +148,12 @@ class BlockDownload {
   // waited for, 0 when it may not.
   uint64_t RequestBlock(const AttemptInput& input, FileRun& run, uint64_t offset, std::span<uint8_t> buffer,
                         uint32_t waitMs);
-  // Takes the block the writer finished, if any, and marks it: local map,
-  // statistics, the map's store and progress when due.
-  void CollectBlock(const AttemptInput& input, FileRun& run);
+  // Takes the oldest block the writer has in hand, if any, once it is
+  // written, and marks it: local map, statistics, the map's store and
+  // progress when due. False when none was in hand.
+  bool CollectBlock(const AttemptInput& input, FileRun& run);
+  // Takes every block in hand.
+  void CollectBlocks(const AttemptInput& input, FileRun& run);
   void FinishFile(FileRun& run);
   void RaiseProgress(const FileRun& run);
 

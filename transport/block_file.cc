@@ -21,6 +21,7 @@
 #include "transport/package_download.h"
 #include "util/safe_path.h"
 #include "util/strings.h"
+#include "util/unique_fd.h"
 
 namespace pkgdlv {
 
@@ -33,26 +34,6 @@ using blockdownload::PresentBytes;
 using blockdownload::SourceOf;
 
 namespace {
-
-class FileDescriptor {
- public:
-  FileDescriptor() = default;
-  ~FileDescriptor() { Close(); }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  void Reset(int fd) {
-    Close();
-    fd_ = fd;
-  }
-  void Close() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_ = -1;
-};
 
 // The entry's place below the package folder. A name from the server never
 // leads outside it: the path is resolved lexically inside the folder, and no
@@ -92,7 +73,7 @@ struct BlockDownload::FileRun {
   std::string pathText;
   std::string source;   // stored location at the source; a changed URL replaces it for this file
   std::string wireUrl;  // what the transport asks for source, to tell a changed URL from it
-  FileDescriptor file;
+  UniqueFd file;
   uint64_t size = 0;
   uint64_t done = 0;  // bytes of the file present so far
   bool downloadedBlock = false;
@@ -119,12 +100,12 @@ void BlockDownload::DownloadEntry(const AttemptInput& input, const SnapshotEntry
     DownloadFile(input, run);
   } catch (...) {
     code = CurrentFailure().code;
-    run.file.Close();
+    run.file.Reset();
     RaiseEndFile(events_, log, packageId_, run.pathText, static_cast<int32_t>(code));
     if (run.held) std::vector<uint8_t>().swap(run.held->blockHashes);
     throw;
   }
-  run.file.Close();
+  run.file.Reset();
   RaiseEndFile(events_, log, packageId_, run.pathText, 0);
   if (run.held) std::vector<uint8_t>().swap(run.held->blockHashes);
 }
@@ -185,13 +166,13 @@ void BlockDownload::RunBlockLoop(const AttemptInput& input, FileRun& run) {
   try {
     WalkBlocks(input, run);
   } catch (...) {
-    // The block in the writer's hands was received before this failure: it
-    // is still written and marked, and its own failure, the earlier one in
-    // the file, takes precedence.
-    CollectBlock(input, run);
+    // The blocks in the writer's hands were received before this failure:
+    // they are still written and marked, and a failure of theirs, an
+    // earlier one in the file, takes precedence.
+    CollectBlocks(input, run);
     throw;
   }
-  CollectBlock(input, run);
+  CollectBlocks(input, run);
 }
 
 void BlockDownload::WalkBlocks(const AttemptInput& input, FileRun& run) {
@@ -237,16 +218,27 @@ void BlockDownload::WalkBlocks(const AttemptInput& input, FileRun& run) {
            run.pathText);
     }
     run.downloadedBlock = true;
-    CollectBlock(input, run);  // the block before, checked and written meanwhile
     const BlockWriter::Block block{index, offset, length};
     offset += length;
-    writer_->Submit(block, offset < run.size ? BlockWriter::Handling::kInBackground : BlockWriter::Handling::kNow);
+    if (offset < run.size) {
+      // The blocks before, checked and written meanwhile.
+      while (writer_->InHand() >= BlockWriter::kDepth) CollectBlock(input, run);
+      writer_->Submit(block, BlockWriter::Handling::kInBackground);
+    } else {
+      CollectBlocks(input, run);
+      writer_->Submit(block, BlockWriter::Handling::kNow);
+    }
   }
 }
 
-void BlockDownload::CollectBlock(const AttemptInput& input, FileRun& run) {
+void BlockDownload::CollectBlocks(const AttemptInput& input, FileRun& run) {
+  while (CollectBlock(input, run)) {
+  }
+}
+
+bool BlockDownload::CollectBlock(const AttemptInput& input, FileRun& run) {
   const std::optional<BlockWriter::Block> block = writer_->Collect();
-  if (!block) return;
+  if (!block) return false;
   input.localMap->Set(run.entry().firstBlock + block->index, true);
   stats_.downloaded += block->length;
   transferred_ += block->length;
@@ -255,6 +247,7 @@ void BlockDownload::CollectBlock(const AttemptInput& input, FileRun& run) {
     StoreMap(*input.localMap);
   }
   if (Tick() - lastProgressTick_ > kProgressEventIntervalMs) RaiseProgress(run);
+  return true;
 }
 
 uint64_t BlockDownload::RequestBlock(const AttemptInput& input, FileRun& run, uint64_t offset,
@@ -282,7 +275,7 @@ uint64_t BlockDownload::RequestBlock(const AttemptInput& input, FileRun& run, ui
         throw;
       }
       // What arrived so far is marked before a wait that may take minutes.
-      CollectBlock(input, run);
+      CollectBlocks(input, run);
       const uint64_t now = Tick();
       if (!firstNotReady) firstNotReady = now;
       // An exhausted wait ends the file as a cancellation, not as a server
