@@ -60,7 +60,8 @@ void BlockWriter::Begin(const Target& target) {
   std::lock_guard lock(mutex_);
   target_ = target;
   abandoned_ = false;
-  OpenDirect();
+  direct_.Reset();
+  directTried_ = false;
 }
 
 // The same open file, reached again through /proc so that no name is looked
@@ -68,7 +69,7 @@ void BlockWriter::Begin(const Target& target) {
 // write goes through the page cache. A descriptor not open for writing is
 // not widened by the reopening.
 void BlockWriter::OpenDirect() {
-  direct_.Reset();
+  directTried_ = true;
   if (target_.fd < 0) return;
   const int flags = ::fcntl(target_.fd, F_GETFL);
   if (flags < 0 || (flags & O_ACCMODE) == O_RDONLY) return;
@@ -106,7 +107,7 @@ void BlockWriter::Submit(const Block& block, Handling how) {
     try {
       const std::span<const uint8_t> data = DataOf(submitted_);
       Check(ownValidator_, block, data);
-      Store(block, data);
+      Store(block, data, false);
     } catch (...) {
       slot.failure = std::current_exception();
     }
@@ -160,7 +161,7 @@ void BlockWriter::Write() {
     lock.unlock();
     if (!skip) {
       try {
-        Store(slot.block, data);
+        Store(slot.block, data, true);
       } catch (...) {
         slot.failure = std::current_exception();
       }
@@ -184,9 +185,13 @@ void BlockWriter::Check(Validator& validator, const Block& block, std::span<cons
   if (code != 0) throw Error(code, Format("Failed to calculate block hash for file '%ls'", target_.path));
 }
 
-void BlockWriter::Store(const Block& block, std::span<const uint8_t> data) {
+// Only the writer thread's writes bypass the page cache: such a write waits
+// for the disk, which only pays where it overlaps the next check and request.
+void BlockWriter::Store(const Block& block, std::span<const uint8_t> data, bool background) {
+  const bool direct = background && Aligned(block.offset) && Aligned(data.size());
+  if (direct && !directTried_) OpenDirect();
   // One call for the place and the bytes: no separate seek per block.
-  int fd = direct_.ok() && Aligned(block.offset) && Aligned(data.size()) ? direct_.get() : target_.fd;
+  int fd = direct && direct_.ok() ? direct_.get() : target_.fd;
   size_t written = 0;
   while (written < data.size()) {
     const ssize_t n =

@@ -8,10 +8,12 @@
 // fails its check is never written. Block n + 1 is keyed with the snapshot's
 // expected hash of block n, so a check never waits for another one.
 //
-// Writes of whole, aligned blocks bypass the page cache (O_DIRECT) where the
-// file system allows it: a copy into the page cache costs more processor
-// time than the check itself, and a package written once is not read back
-// soon. A file system that refuses such writes gets ordinary ones.
+// The writer thread's writes of whole, aligned blocks bypass the page cache
+// (O_DIRECT) where the file system allows it: a copy into the page cache
+// costs more processor time than the check itself, and a package written
+// once is not read back soon. A file system that refuses such writes gets
+// ordinary ones, and so does a block handled at once (kNow), where a write
+// that waits for the disk would overlap nothing.
 //
 // At most kDepth blocks are in hand (handed over, not yet collected) while
 // the next one is received, so a process that is killed loses at most
@@ -119,13 +121,16 @@ class BlockWriter {
   void Verify();
   void Write();
   void Check(Validator& validator, const Block& block, std::span<const uint8_t> data);
-  void Store(const Block& block, std::span<const uint8_t> data);
+  void Store(const Block& block, std::span<const uint8_t> data, bool background);
   std::span<const uint8_t> DataOf(uint64_t sequence) const;
   void OpenDirect();
 
   Logger& log_;
   Target target_;
-  UniqueFd direct_;  // the target opened again without the page cache, or -1
+  // The target opened again without the page cache (or -1), on the writer
+  // thread's first block of the file.
+  UniqueFd direct_;
+  bool directTried_ = false;
   Validator verifierValidator_;  // the verifier thread's: a validator keeps state
   Validator ownValidator_;       // the owning thread's, for kNow
   AlignedBuffer buffers_[kSlots];
