@@ -175,7 +175,11 @@ bool DownloadQueue::RetryPackage(PeerConfigurationSource* peerConfig, const Guid
   const int32_t base = RetryBaseDelay(peerConfig, urgent, doublingAllowed);
 
   if (maxAttempts != 0 && entry.attemptCount >= static_cast<int64_t>(maxAttempts)) return false;
-  if (maxTime != 0 && now > AddMilliseconds(entry.firstAttemptTime, maxTime)) return false;
+  // The time limit runs from the first counted attempt: failures that do not
+  // count (a busy server, a wait for peers) have not begun a series.
+  if (maxTime != 0 && entry.firstAttemptTime != 0 && now > AddMilliseconds(entry.firstAttemptTime, maxTime)) {
+    return false;
+  }
 
   if (!causedDelay) {
     entry.nextAttemptTime = earliestTime;

@@ -174,6 +174,8 @@ std::shared_ptr<PackageRequest> PackageManager::WaitForReadyPackage() {
     // Not under the resume lock: ResumeDownloads on another thread takes it
     // and then sets the wake event, which ends this wait.
     services_.clock->WaitAny({&stop_, &wake_}, timeout);
+    // The client may have changed meanwhile: the next pass judges it again.
+    return nullptr;
   }
   if (!allowed || stop_.IsSet()) return nullptr;
 

@@ -214,6 +214,14 @@ StoreSize MeasureStore(const fs::path& workFolder) {
 
 StoreMover::StoreMover(Logger& log, const Event* stop) : log_(log), stop_(stop), rename_(SystemRename) {}
 
+void StoreMover::LogForeignLink(const fs::path& link) {
+  std::error_code ec;
+  log_.Log(loglevel::kWarning, kComponent,
+           "Target Directory '%ls' contain Directory Junction to foreign location: '%ls'. Aborting the package "
+           "relocation.",
+           link.string(), fs::read_symlink(link, ec).string());
+}
+
 std::optional<std::vector<StoreMover::Step>> StoreMover::Plan(const fs::path& from, const fs::path& to) {
   std::vector<Step> steps;
   for (const Entry& package : PackageEntries(from)) {
@@ -221,11 +229,7 @@ std::optional<std::vector<StoreMover::Step>> StoreMover::Plan(const fs::path& fr
     if (package.link) {
       std::optional<fs::path> leadsTo = LeftBehindFolder(package);
       if (!leadsTo) {
-        std::error_code ec;
-        log_.Log(loglevel::kWarning, kComponent,
-                 "Target Directory '%ls' contain Directory Junction to foreign location: '%ls'. Aborting the package "
-                 "relocation.",
-                 package.path.string(), fs::read_symlink(package.path, ec).string());
+        LogForeignLink(package.path);
         return std::nullopt;
       }
       step.source = *leadsTo;
@@ -239,10 +243,7 @@ std::optional<std::vector<StoreMover::Step>> StoreMover::Plan(const fs::path& fr
     const fs::file_status there = fs::symlink_status(step.target, ec);
     if (!step.alreadyThere && fs::exists(there)) {
       if (fs::is_symlink(there)) {
-        log_.Log(loglevel::kWarning, kComponent,
-                 "Target Directory '%ls' contain Directory Junction to foreign location: '%ls'. Aborting the package "
-                 "relocation.",
-                 step.target.string(), fs::read_symlink(step.target, ec).string());
+        LogForeignLink(step.target);
       } else {
         log_.Log(loglevel::kWarning, kComponent, "Failed to move the package: '%ls'", package.path.string());
       }
@@ -289,11 +290,7 @@ std::optional<std::vector<fs::path>> StoreMover::LeftBehindLinks(const fs::path&
   for (const Entry& package : PackageEntries(folder)) {
     if (!package.link) continue;
     if (!LeftBehindFolder(package)) {
-      std::error_code ec;
-      log_.Log(loglevel::kWarning, kComponent,
-               "Target Directory '%ls' contain Directory Junction to foreign location: '%ls'. Aborting the package "
-               "relocation.",
-               package.path.string(), fs::read_symlink(package.path, ec).string());
+      LogForeignLink(package.path);
       return std::nullopt;
     }
     links.push_back(package.path);

@@ -98,6 +98,8 @@ class StoreMover {
   // (logged) when one leads elsewhere.
   std::optional<std::vector<std::filesystem::path>> LeftBehindLinks(const std::filesystem::path& folder);
   bool Stopped() const { return stop_ && stop_->IsSet(); }
+  // The warning for a package link that leads out of the store.
+  void LogForeignLink(const std::filesystem::path& link);
 
   Logger& log_;
   const Event* stop_;

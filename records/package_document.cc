@@ -27,6 +27,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <string>
+#include <utility>
 
 #include "records/package_request.h"
 #include "snapshot/snapshot_builder.h"
@@ -245,9 +247,14 @@ bool PackageRequest::ReadLocalManaged(const std::string& locationText) {
               "Invalid package XML: LocalManaged location is not an absolute folder path: '%ls'", Quoted(locationText));
     return false;
   }
-  location = std::move(documentForm);
-  snapshot_.path = folder->string();
-  if (!BuildLocalSnapshot(*folder)) return false;
+  // A folder that cannot be described leaves the record as it was.
+  std::string previousLocation = std::exchange(location, std::move(documentForm));
+  std::string previousPath = std::exchange(snapshot_.path, folder->string());
+  if (!BuildLocalSnapshot(*folder)) {
+    location = std::move(previousLocation);
+    snapshot_.path = std::move(previousPath);
+    return false;
+  }
   if (version_ < 1) SetVersion(1);
   snapshot_.version = static_cast<uint32_t>(version_);
   EncodeLocalPublicKey();

@@ -3,13 +3,11 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <string>
 
-#include "agent/transport_test_support.h"
 #include "support/temp_dir.h"
+#include "support/test_util.h"
 #include "util/error.h"
 
 namespace pkgdlv {
@@ -30,9 +28,6 @@ class SecureStoreTest : public ::testing::Test {
     ASSERT_EQ(sqlite3_open((dir_ / "securestore.db").c_str(), &db), SQLITE_OK);
     EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
     sqlite3_close(db);
-  }
-  void ExpectUnopenable(SecureStore& store, std::string_view path) {
-    EXPECT_EQ(testing::CodeOf([&] { store.Read(path); }), result::kDecryptFailed) << path;
   }
   TempDir dir_;
 };
@@ -73,12 +68,12 @@ TEST_F(SecureStoreTest, ValuesThatCannotBeOpenedAreRefused) {
   Exec("UPDATE secure_values SET value = CAST(substr(value, 1, 15) || CASE WHEN substr(value, 16, 1) = X'00' "
        "THEN X'01' ELSE X'00' END || substr(value, 17) AS BLOB) WHERE path = 'tampered'");
   Exec("UPDATE secure_values SET value = substr(value, 1, 5) WHERE path = 'short'");
-  for (const char* path : {"copy", "tampered", "short"}) ExpectUnopenable(*store, path);
+  for (const char* path : {"copy", "tampered", "short"}) {
+    EXPECT_EQ(testing::CodeOf([&] { store->Read(path); }), result::kDecryptFailed) << path;
+  }
   EXPECT_EQ(store->Read("moved"), Bytes("block hashes"));
-
   // The same database under another machine's key.
-  auto stranger = Open("other.key");
-  ExpectUnopenable(*stranger, "moved");
+  EXPECT_EQ(testing::CodeOf([&] { Open("other.key")->Read("moved"); }), result::kDecryptFailed);
 
   testing::WriteFile(dir_ / "short.key", "short");
   EXPECT_THROW(Open("short.key"), Error) << "a key file of the wrong size";
@@ -87,27 +82,10 @@ TEST_F(SecureStoreTest, ValuesThatCannotBeOpenedAreRefused) {
 TEST_F(SecureStoreTest, ProcessesStartingAtOnceShareOneKeyAndAllWritesLand) {
   constexpr int kProcesses = 3;
   constexpr int kValues = 40;
-  std::vector<pid_t> children;
-  for (int p = 0; p < kProcesses; ++p) {
-    pid_t pid = ::fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      int status = 0;
-      try {
-        auto store = Open();
-        for (int i = 0; i < kValues; ++i) store->Write(std::to_string(p) + "\\" + std::to_string(i), Bytes("v"));
-      } catch (...) {
-        status = 1;
-      }
-      ::_exit(status);
-    }
-    children.push_back(pid);
-  }
-  for (pid_t pid : children) {
-    int status = 0;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+  ASSERT_TRUE(testing::RunInChildren(kProcesses, [&](int p) {
+    auto store = Open();
+    for (int i = 0; i < kValues; ++i) store->Write(std::to_string(p) + "\\" + std::to_string(i), Bytes("v"));
+  }));
   auto store = Open();
   for (int p = 0; p < kProcesses; ++p) {
     for (int i = 0; i < kValues; ++i) {

@@ -1,10 +1,6 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <fstream>
-#include <functional>
 #include <random>
 #include <thread>
 
@@ -13,6 +9,7 @@
 #include "agent/setting_limits.h"
 #include "agent/settings_store.h"
 #include "support/temp_dir.h"
+#include "support/test_util.h"
 #include "util/error.h"
 #include "util/format.h"
 
@@ -44,43 +41,32 @@ class SqliteSettingsStoreTest : public ::testing::Test {
   TempDir dir_;
 };
 
-TEST_F(SqliteSettingsStoreTest, RoundTripsNumbersAndTextsWithTheirType) {
-  const std::vector<SettingValue> values = {
-      SettingValue::Number(0),          SettingValue::Number(0x80000000),
-      SettingValue::Number(0xFFFFFFFF), SettingValue::Text(""),
-      SettingValue::Text("42"),         SettingValue::Text("C:\\Program Files\\Stöße \"quoted\" 'x'"),
-  };
-  auto store = Open();
+TEST_F(SqliteSettingsStoreTest, ValuesKeepTheirTypeAndNamesCompareCaseInsensitively) {
+  const std::vector<SettingValue> values = {SettingValue::Number(0), SettingValue::Number(0xFFFFFFFF),
+                                            SettingValue::Text(""), SettingValue::Text("42"),
+                                            SettingValue::Text("C:\\Program Files\\Stöße \"quoted\" 'x'")};
+  auto store = Open(), other = Open();
   for (size_t i = 0; i < values.size(); ++i) store->Set("K", Format("v%d", static_cast<int>(i)), values[i]);
-  // Replacing a value may change its type.
-  store->Set("K", "changes", SettingValue::Number(7));
-  store->Set("K", "changes", SettingValue::Text("seven"));
+  // Replacing a value may change its type; a later spelling keeps the first one.
+  store->Set("Communications\\Package Delivery", "Retry delay (mins)", SettingValue::Number(3));
+  uint64_t counter = store->ChangeCounter();
+  other->Set("communications\\PACKAGE DELIVERY", "retry DELAY (mins)", SettingValue::Text("nine"));
+  EXPECT_NE(store->ChangeCounter(), counter) << "another connection's write must move the counter";
+  counter = store->ChangeCounter();
+  store->Get("K", "v0");
+  EXPECT_EQ(store->ChangeCounter(), counter) << "reads must not move the counter";
 
   store.reset();
   auto reopened = Open();
-  for (size_t i = 0; i < values.size(); ++i) {
-    EXPECT_EQ(reopened->Get("K", Format("v%d", static_cast<int>(i))), values[i]) << "value " << i;
-  }
-  EXPECT_EQ(reopened->Get("K", "changes"), SettingValue::Text("seven"));
+  for (size_t i = 0; i < values.size(); ++i) EXPECT_EQ(reopened->Get("K", Format("v%d", static_cast<int>(i))), values[i]) << i;
   EXPECT_EQ(reopened->Get("K", "missing"), std::nullopt);
-  EXPECT_EQ(reopened->Get("Other", "v0"), std::nullopt);
-}
-
-TEST_F(SqliteSettingsStoreTest, KeysAndNamesCompareCaseInsensitivelyAndKeepTheirFirstSpelling) {
-  auto store = Open();
-  store->Set("Communications\\Package Delivery", "Retry delay (mins)", SettingValue::Number(3));
-  EXPECT_EQ(store->Get("COMMUNICATIONS\\package delivery", "RETRY DELAY (MINS)"), SettingValue::Number(3));
-
-  store->Set("communications\\PACKAGE DELIVERY", "retry DELAY (mins)", SettingValue::Number(9));
-  std::vector<NamedSetting> all = store->List("");
-  ASSERT_EQ(all.size(), 1u);
-  EXPECT_EQ(all[0].key, "Communications\\Package Delivery");
-  EXPECT_EQ(all[0].name, "Retry delay (mins)");
-  EXPECT_EQ(all[0].value, SettingValue::Number(9));
-
-  EXPECT_TRUE(store->Delete("communications\\package delivery", "retry delay (MINS)"));
-  EXPECT_FALSE(store->Delete("Communications\\Package Delivery", "Retry delay (mins)"));
-  EXPECT_TRUE(store->List("").empty());
+  EXPECT_EQ(reopened->Get("COMMUNICATIONS\\package delivery", "RETRY DELAY (MINS)"), SettingValue::Text("nine"));
+  std::vector<NamedSetting> listed = reopened->List("Communications");
+  ASSERT_EQ(listed.size(), 1u);
+  EXPECT_EQ(std::make_pair(listed[0].key, listed[0].name),
+            std::make_pair(std::string("Communications\\Package Delivery"), std::string("Retry delay (mins)")));
+  EXPECT_TRUE(reopened->Delete("communications\\package delivery", "retry delay (MINS)"));
+  EXPECT_FALSE(reopened->Delete("Communications\\Package Delivery", "Retry delay (mins)"));
 }
 
 TEST_F(SqliteSettingsStoreTest, ListGivesTheKeyAndKeysBelowItOnly) {
@@ -90,19 +76,12 @@ TEST_F(SqliteSettingsStoreTest, ListGivesTheKeyAndKeysBelowItOnly) {
   }
   store->Set("A", "second", SettingValue::Text("t"));
 
-  struct Case {
-    std::string prefix;
-    std::vector<std::string> expected;
-  };
-  const std::vector<Case> cases = {
-      {"A", {"A|n", "A|second", "A\\|n", "A\\B|n", "A\\B\\C|n", "a\\x|n"}},
-      {"a\\", {"A|n", "A|second", "A\\|n", "A\\B|n", "A\\B\\C|n", "a\\x|n"}},
-      {"A\\B", {"A\\B|n", "A\\B\\C|n"}},
-      {"AB", {"AB|n"}},
-      {"A\\B\\C\\D", {}},
-      {"", {"A|n", "A|second", "A\\|n", "A\\B|n", "A\\B\\C|n", "a\\x|n", "A]|n", "AB|n", "B|n"}},
-  };
-  for (const Case& c : cases) EXPECT_EQ(KeysAndNames(store->List(c.prefix)), c.expected) << "prefix " << c.prefix;
+  const std::vector<std::string> all_of_a = {"A|n", "A|second", "A\\|n", "A\\B|n", "A\\B\\C|n", "a\\x|n"};
+  std::vector<std::string> everything = all_of_a;
+  everything.insert(everything.end(), {"A]|n", "AB|n", "B|n"});
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
+      {"A", all_of_a}, {"a\\", all_of_a}, {"A\\B", {"A\\B|n", "A\\B\\C|n"}}, {"AB", {"AB|n"}}, {"A\\B\\C\\D", {}}, {"", everything}};
+  for (const auto& [prefix, expected] : cases) EXPECT_EQ(KeysAndNames(store->List(prefix)), expected) << prefix;
 }
 
 // Texts, key paths and names are bounded: at the limit they are kept, past
@@ -186,37 +165,18 @@ TEST_F(SqliteSettingsStoreTest, DamagedFilesFailWithAClearDescriptionWithoutCras
 // Two processes, each writing from two threads through one store.
 TEST_F(SqliteSettingsStoreTest, TwoProcessesOfTwoThreadsWritingAtOnceLoseNothing) {
   constexpr int kValuesPerWriter = 500;
-  std::vector<pid_t> children;
-  for (int writer = 0; writer < 2; ++writer) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      int status = 0;
-      try {
-        auto store = Open();  // both race to create the file and the table
-        auto write = [&](int first) {
-          for (int i = first; i < kValuesPerWriter; i += 2) {
-            store->Set(Format("Concurrent\\Writer %d", writer), Format("Value %d", i),
-                       SettingValue::Number(static_cast<uint32_t>(writer * 100000 + i)));
-          }
-        };
-        std::thread second(write, 1);
-        write(0);
-        second.join();
-      } catch (const std::exception& e) {
-        std::fprintf(stderr, "writer %d: %s\n", writer, e.what());
-        status = 1;
+  ASSERT_TRUE(testing::RunInChildren(2, [&](int writer) {
+    auto store = Open();  // both race to create the file and the table
+    auto write = [&](int first) {
+      for (int i = first; i < kValuesPerWriter; i += 2) {
+        store->Set(Format("Concurrent\\Writer %d", writer), Format("Value %d", i),
+                   SettingValue::Number(static_cast<uint32_t>(writer * 100000 + i)));
       }
-      _exit(status);
-    }
-    children.push_back(pid);
-  }
-  for (pid_t pid : children) {
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "writer process failed";
-  }
-
+    };
+    std::thread second(write, 1);
+    write(0);
+    second.join();
+  }));
   auto store = Open();
   EXPECT_EQ(store->List("Concurrent").size(), 2u * kValuesPerWriter);
   for (int writer = 0; writer < 2; ++writer) {
@@ -224,24 +184,6 @@ TEST_F(SqliteSettingsStoreTest, TwoProcessesOfTwoThreadsWritingAtOnceLoseNothing
       EXPECT_EQ(store->Get(Format("concurrent\\writer %d", writer), Format("value %d", i)),
                 SettingValue::Number(static_cast<uint32_t>(writer * 100000 + i)));
     }
-  }
-}
-
-TEST_F(SqliteSettingsStoreTest, ChangeCounterMovesOnWritesOfAnyConnectionOnly) {
-  auto reader = Open(), writer = Open();
-  uint64_t last = reader->ChangeCounter();
-  reader->Get("K", "n");
-  reader->List("");
-  EXPECT_EQ(reader->ChangeCounter(), last) << "reads must not move the counter";
-  const std::pair<std::function<void()>, const char*> writes[] = {
-      {[&] { writer->Set("K", "n", SettingValue::Number(1)); }, "another connection's write"},
-      {[&] { reader->Set("K", "n", SettingValue::Number(2)); }, "this connection's own write"},
-      {[&] { writer->Delete("K", "n"); }, "another connection's delete"},
-  };
-  for (const auto& [write, what] : writes) {
-    write();
-    EXPECT_NE(reader->ChangeCounter(), last) << what;
-    last = reader->ChangeCounter();
   }
 }
 

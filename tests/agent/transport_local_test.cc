@@ -1,6 +1,5 @@
-// The curl transport on local folders ("\\\path"): files, ranges, missing
-// files and folders, listings that must never leave the folder; and the
-// connection options as the package download transport sets them.
+// The curl transport on local folders ("\\\path"): missing files and
+// folders, and listings that must never leave the folder.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -8,41 +7,22 @@
 #include <filesystem>
 
 #include "agent/network_transport.h"
-#include "agent/transport_test_support.h"
 #include "support/temp_dir.h"
+#include "support/test_util.h"
 
 namespace pkgdlv {
 namespace {
 
 using ::pkgdlv::testing::CodeOf;
-using ::pkgdlv::testing::PatternBytes;
-using ::pkgdlv::testing::StoredLocalPath;
+using ::pkgdlv::testing::StoredFolder;
 
 class LocalTransportTest : public ::testing::Test {
  protected:
-  std::string Stored(std::string_view relative) const { return StoredLocalPath(dir_ / relative); }
+  std::string Stored(std::string_view relative) const { return StoredFolder(dir_ / relative); }
 
   testing::TempDir dir_;
   std::unique_ptr<NetworkTransport> transport_ = NewCurlTransportFactory()->Create();
 };
-
-TEST_F(LocalTransportTest, ReadsFilesAndRanges) {
-  std::string data = PatternBytes(300'000);
-  testing::WriteFile(dir_ / "pkg" / "setup file.bin", data);
-  EXPECT_EQ(transport_->DownloadText(Stored("pkg/setup file.bin")), data);
-  EXPECT_EQ(transport_->HttpStatus(), 0);
-
-  const std::pair<uint64_t, uint64_t> ranges[] = {{0, 65536}, {65536, 65536}, {262144, 65536}, {299'999, 10}};
-  for (auto [first, length] : ranges) {
-    SCOPED_TRACE(first);
-    std::vector<uint8_t> buffer(length);
-    RangeResult got = transport_->DownloadRange(Stored("pkg/setup file.bin"), first, buffer);
-    uint64_t expected = std::min<uint64_t>(length, data.size() - first);
-    ASSERT_EQ(got.received, expected);
-    EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + static_cast<ptrdiff_t>(expected)),
-              data.substr(first, expected));
-  }
-}
 
 TEST_F(LocalTransportTest, MissingFilesAndFoldersAndBadPathsAreTold) {
   testing::WriteFile(dir_ / "pkg" / "a.txt", "a");
@@ -68,7 +48,7 @@ TEST_F(LocalTransportTest, ListsSafeNamesOnly) {
   std::filesystem::create_directory_symlink("/etc", dir_ / "etc-link");
   std::filesystem::create_symlink("/etc/passwd", dir_ / "passwd-link");
 
-  std::vector<DirectoryEntry> entries = transport_->ListDirectory(StoredLocalPath(dir_.path()), true);
+  std::vector<DirectoryEntry> entries = transport_->ListDirectory(StoredFolder(dir_.path()), true);
   std::vector<std::string> names;
   for (const auto& e : entries) names.push_back(e.relativePath + (e.isDirectory ? "/" : ""));
   std::sort(names.begin(), names.end());
@@ -78,32 +58,7 @@ TEST_F(LocalTransportTest, ListsSafeNamesOnly) {
   EXPECT_EQ(a->size, 5u);
   EXPECT_GT(a->lastWriteTime, kUnixEpochFileTime);
 
-  EXPECT_EQ(transport_->ListDirectory(StoredLocalPath(dir_.path()), false).size(), 2u);
-}
-
-TEST(ConnectionOptionsTest, NamedOptionsAsTheDownloadTransportSetsThem) {
-  struct Case {
-    const char* rate;
-    uint64_t bytesPerSecond;
-  };
-  const Case rates[] = {{"100d", 102400}, {"0", 0}, {"", 0}, {"d", 0}, {" 7d", 7168}, {"99999999999999999999d", UINT64_MAX}};
-  for (const Case& c : rates) {
-    SCOPED_TRACE(c.rate);
-    ConnectionOptions options;
-    options.maxReceiveBytesPerSecond = 1;
-    options.Set(ConnectionOptions::kPeerDownloadMaxRate, c.rate);
-    EXPECT_EQ(options.maxReceiveBytesPerSecond, c.bytesPerSecond);
-  }
-  ConnectionOptions options;
-  options.Set(ConnectionOptions::kPeerConnectionModeOn, "");
-  options.Set(ConnectionOptions::kSecureConnectionMode, "2");
-  options.Set(ConnectionOptions::kLoggingFlags, "2097152");
-  options.Set("com.brelmont.Unknown", "5");
-  EXPECT_TRUE(options.peerConnection);
-  EXPECT_EQ(options.secureConnectionMode, 2u);
-  EXPECT_EQ(options.loggingFlags, 0x200000u);
-  options.Set(ConnectionOptions::kPeerConnectionModeOff, "");
-  EXPECT_FALSE(options.peerConnection);
+  EXPECT_EQ(transport_->ListDirectory(StoredFolder(dir_.path()), false).size(), 2u);
 }
 
 }  // namespace

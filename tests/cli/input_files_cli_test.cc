@@ -8,76 +8,50 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
-#include <vector>
 
 #include "cli_test_support.h"
 
 namespace pkgdlv {
 namespace {
 
-// Frees whoever waits to read one of the FIFOs (a tool that should have
-// refused them), so that such a fault fails the test instead of hanging it.
-class FifoRelease {
- public:
-  explicit FifoRelease(std::vector<fs::path> fifos)
-      : fifos_(std::move(fifos)), thread_([this] { Run(); }) {}
-  ~FifoRelease() {
-    done_ = true;
-    thread_.join();
-  }
+using InputFilesCliTest = CliTest;
 
- private:
-  void Run() {
-    while (!done_) {
-      for (const auto& fifo : fifos_) {
-        const int fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK);  // succeeds only when a reader waits
+TEST_F(InputFilesCliTest, OnlyRegularFilesOfBoundedSizeAreRead) {
+  const fs::path fifo = dir_ / "fifo", logFifo = dir_ / "history" / "log.xml",
+                 listingFifo = dir_ / "source" / "dirlisting.tavorin.xml", huge = dir_ / "huge.xml";
+  for (const fs::path& path : {fifo, logFifo, listingFifo}) {
+    fs::create_directories(path.parent_path());
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  }
+  WriteFile(huge, "");
+  fs::resize_file(huge, (uint64_t{64} << 20) + 1);  // sparse
+  // Frees whoever waits to read a FIFO (a tool that should have refused
+  // it), so that such a fault fails the test instead of hanging it.
+  std::atomic<bool> done{false};
+  std::jthread release([&] {
+    while (!done) {
+      for (const fs::path& path : {fifo, logFifo, listingFifo}) {
+        const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK);  // succeeds only when a reader waits
         if (fd >= 0) ::close(fd);
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
-  }
-
-  std::vector<fs::path> fifos_;
-  std::atomic<bool> done_{false};
-  std::thread thread_;
-};
-
-TEST(InputFilesCliTest, OnlyRegularFilesOfBoundedSizeAreRead) {
-  TempDir dir;
-  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
-  fs::create_directory(dir / "history");
-  ASSERT_EQ(::mkfifo((dir / "history" / "log.xml").c_str(), 0600), 0);
-  fs::create_directory(dir / "source");
-  ASSERT_EQ(::mkfifo((dir / "source" / "dirlisting.tavorin.xml").c_str(), 0600), 0);
-  WriteFile(dir / "huge.xml", "");
-  fs::resize_file(dir / "huge.xml", (uint64_t{64} << 20) + 1);  // sparse
-  const std::string fifo = (dir / "fifo").string(), huge = (dir / "huge.xml").string(),
-                    history = (dir / "history").string();
-  const FifoRelease release({dir / "fifo", dir / "history" / "log.xml", dir / "source" / "dirlisting.tavorin.xml"});
-  const struct {
-    std::string arguments;
-    std::string error;
-  } cases[] = {
-      {"snapshot show '" + fifo + "'", "pkgdlv: '" + fifo + "' is not a regular file (0x80070057)\n"},
-      {"frame unpack -i '" + fifo + "'", "pkgdlv: '" + fifo + "' is not a regular file\n"},
-      {"snapshot show '" + huge + "'", "pkgdlv: '" + huge + "' is larger than 67108864 bytes (0x800700DF)\n"},
-      {"request show '" + fifo + "'", "pkgdlv: '" + fifo + "' is not a regular file (0x80070057)\n"},
-      {"check '" + history + "' --snapshot '" + huge + "'",
-       "pkgdlv: '" + huge + "' is larger than 67108864 bytes\n"},
-      {"download '" + huge + "' --work-folder '" + (dir / "work").string() + "'",
-       "pkgdlv: '" + huge + "' is larger than 67108864 bytes (0x800700DF)\n"},
-      {"history '" + history + "'",
-       "pkgdlv: Error loading log: '" + history + "/log.xml' is not a regular file\n"},
-      {"snapshot fetch --package {11111111-2222-3333-4444-555555555555} --dir '" + (dir / "source").string() +
-           "' -o '" + (dir / "out").string() + "'",
-       "pkgdlv: '" + (dir / "source" / "dirlisting.tavorin.xml").string() + "' is not a regular file (0x80070057)\n"},
+  });
+  const std::string notRegular = " is not a regular file", tooLarge = " is larger than 67108864 bytes";
+  const std::pair<std::string, std::string> cases[] = {
+      {"snapshot show " + Quote(fifo), Quote(fifo) + notRegular + " (0x80070057)"},
+      {"frame unpack -i " + Quote(fifo), Quote(fifo) + notRegular},
+      {"snapshot show " + Quote(huge), Quote(huge) + tooLarge + " (0x800700DF)"},
+      {"request show " + Quote(fifo), Quote(fifo) + notRegular + " (0x80070057)"},
+      {"check " + Quote(dir_ / "history") + " --snapshot " + Quote(huge), Quote(huge) + tooLarge},
+      {"download " + Quote(huge) + " --work-folder " + Quote(dir_ / "work"), Quote(huge) + tooLarge + " (0x800700DF)"},
+      {"history " + Quote(dir_ / "history"), "Error loading log: " + Quote(logFifo) + notRegular},
+      {"snapshot fetch --package '" + std::string(kCliPackageId) + "' --dir " + Quote(dir_ / "source") + " -o " +
+           Quote(dir_ / "out"),
+       Quote(listingFifo) + notRegular + " (0x80070057)"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.arguments);
-    const ToolResult result = RunTool(c.arguments, {}, dir.path());
-    EXPECT_EQ(result.exit_code, 1);
-    EXPECT_EQ(result.err, c.error);
-  }
+  for (const auto& [arguments, error] : cases) EXPECT_EQ(Fails(arguments), "pkgdlv: " + error + "\n") << arguments;
+  done = true;
 }
 
 }  // namespace

@@ -1,89 +1,53 @@
-// The settings and config subcommands, end to end through the pkgdlv tool.
+// The settings, config and log subcommands, end to end through the pkgdlv
+// tool and its settings database.
 #include "cli_test_support.h"
-#include "util/strings.h"
+#include "support/agent_log_parser.h"
 
 namespace pkgdlv {
 namespace {
 
 constexpr const char* kDelivery = "'Communications\\Package Delivery'";
 
-class SettingsCliTest : public ::testing::Test {
- protected:
-  ToolResult Run(const std::string& arguments, std::string_view input = {}) {
-    return RunTool(arguments, input, home_.path());
-  }
-  // Runs a command that must succeed and returns its output.
-  std::string Ok(const std::string& arguments, std::string_view input = {}) {
-    ToolResult result = Run(arguments, input);
-    EXPECT_EQ(result.exit_code, 0) << arguments << "\n" << result.err;
-    return result.out;
-  }
+using SettingsCliTest = CliTest;
 
-  TempDir home_;
-};
-
-TEST_F(SettingsCliTest, SetGetAndDeleteValuesOfBothTypesAndOnly32BitNumbers) {
-  struct Case {
-    std::string set_arguments;
-    std::string printed;
+TEST_F(SettingsCliTest, SetGetListAndDeleteValuesOfBothTypesAndOnly32BitNumbers) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"K Number 0x1F", "31\n"},
+      {"K Number '-2147483648'", "2147483648\n"},
+      {"K Text 'C:\\x y' --text", "C:\\x y\n"},
   };
-  const std::vector<Case> cases = {
-      {"settings set K Number 0x1F", "31\n"},
-      {"settings set K Number '-2147483648'", "2147483648\n"},
-      {"settings set K Text 'C:\\x y' --text", "C:\\x y\n"},
-      {"settings set K Text 42 --text", "42\n"},
-  };
-  for (const Case& c : cases) {
-    Ok(c.set_arguments);
-    std::string name = c.set_arguments.find("--text") != std::string::npos ? "Text" : "Number";
-    EXPECT_EQ(Ok("settings get k " + ToLowerAscii(name)), c.printed) << c.set_arguments;
+  for (const auto& [arguments, printed] : cases) {
+    Ok("settings set " + arguments);
+    EXPECT_EQ(Ok("settings get k " + arguments.substr(2, arguments.find(' ', 2) - 2)), printed) << arguments;
   }
+  Ok("settings set 'K\\B' n 2");
+  Ok("settings set 'KB' n 3");
+  EXPECT_EQ(nlohmann::json::parse(Ok("settings list k --json")), nlohmann::json::parse(R"([
+    {"key": "K", "name": "Number", "type": "number", "value": 2147483648},
+    {"key": "K", "name": "Text", "type": "text", "value": "C:\\x y"},
+    {"key": "K\\B", "name": "n", "type": "number", "value": 2}])"));
+  EXPECT_EQ(Ok("settings list 'K\\B'"), "K\\B\n  n = 2 (0x00000002)\n");
 
   Ok("settings delete K Number");
-  ToolResult missing = Run("settings get K Number");
-  EXPECT_EQ(missing.exit_code, 1);
-  EXPECT_NE(missing.err.find("no value 'Number' under 'K'"), std::string::npos) << missing.err;
-  EXPECT_EQ(Run("settings delete K Number").exit_code, 1);
-
-  for (const char* value : {"abc", "4294967296", "'-2147483649'", "0x100000000", "1.5"}) {
-    ToolResult result = Run(std::string("settings set K N ") + value);
-    EXPECT_EQ(result.exit_code, 1) << value;
-    EXPECT_NE(result.err.find("not a 32-bit number"), std::string::npos) << value << ": " << result.err;
+  EXPECT_NE(Fails("settings get K Number").find("no value 'Number' under 'K'"), std::string::npos);
+  Fails("settings delete K Number");
+  for (const char* value : {"4294967296", "1.5"}) {
+    EXPECT_NE(Fails(std::string("settings set K N ") + value).find("not a 32-bit number"), std::string::npos) << value;
   }
-  EXPECT_EQ(Run("settings get K N").exit_code, 1) << "nothing was stored";
-}
+  Fails("settings get K N");
 
-TEST_F(SettingsCliTest, ListsAKeyAndTheKeysBelowItAsJson) {
-  Ok("settings set 'A' n 1");
-  Ok("settings set 'A\\B' n 2");
-  Ok("settings set 'AB' n 3");
-  Ok("settings set 'A\\B' t hello --text");
-
-  nlohmann::json listed = nlohmann::json::parse(Ok("settings list a --json"));
-  EXPECT_EQ(listed, nlohmann::json::parse(R"([
-    {"key": "A", "name": "n", "type": "number", "value": 1},
-    {"key": "A\\B", "name": "n", "type": "number", "value": 2},
-    {"key": "A\\B", "name": "t", "type": "text", "value": "hello"}])"));
-
-  std::string text = Ok("settings list 'A\\B'");
-  EXPECT_EQ(text, "A\\B\n  n = 2 (0x00000002)\n  t = \"hello\"\n");
-}
-
-TEST_F(SettingsCliTest, DefaultsWritesEveryDeliverySettingAndShowsStoredAndEffective) {
+  // Every delivery setting is written, with its stored and its effective value.
   Ok(std::string("settings set ") + kDelivery + " 'Retry delay (mins)' 0");
   nlohmann::json defaults = nlohmann::json::parse(Ok("settings defaults --json"));
   ASSERT_EQ(defaults.size(), 11u);
-  EXPECT_EQ(defaults[0]["name"], "Retry delay (mins)");
-  EXPECT_EQ(defaults[0]["stored"], 0);
-  EXPECT_EQ(defaults[0]["effective"], 60000);
-  EXPECT_EQ(nlohmann::json::parse(Ok(std::string("settings list ") + kDelivery + " --json")).size(), 11u);
+  EXPECT_EQ(defaults[0], nlohmann::json::parse(
+                             R"j({"name": "Retry delay (mins)", "stored": 0, "effective": 60000, "unit": "ms"})j"));
   EXPECT_EQ(Ok(std::string("settings get ") + kDelivery + " 'maximum RETRY delay (mins)'"), "120\n");  // any case
-  EXPECT_NE(Ok("settings defaults").find("effective 22500 ms"), std::string::npos);
 }
 
 TEST_F(SettingsCliTest, ConfigShowsAndAppliesTheDocument) {
   std::string document = Ok("config get");
-  EXPECT_NE(document.find("<PackageDelivery workFolder=\"" + (home_.path() / "Package Delivery").string() + "\""),
+  EXPECT_NE(document.find("<PackageDelivery workFolder=\"" + (home_ / "Package Delivery").string() + "\""),
             std::string::npos)
       << document;
   EXPECT_NE(document.find("retryDelay=\"180000\""), std::string::npos) << document;
@@ -92,14 +56,47 @@ TEST_F(SettingsCliTest, ConfigShowsAndAppliesTheDocument) {
   Ok("config set -", "<PackageDelivery historySize='9' retryDelay='300000' workFolder='" + store + "'/>");
   EXPECT_EQ(Ok(std::string("settings get ") + kDelivery + " 'Download history size'"), "9\n");
   EXPECT_EQ(Ok("settings get 'Communications\\Package Delivery\\Engine' WorkFolder"), store + "\n");
-  document = Ok("config get");
-  EXPECT_NE(document.find("workFolder=\"" + store + "\""), std::string::npos) << document;
-  EXPECT_NE(document.find("retryDelay=\"300000\""), std::string::npos) << document;
+  EXPECT_NE(Ok("config get").find("retryDelay=\"300000\""), std::string::npos);
 
-  ToolResult bad = Run("config set '<PackageDelivery'");
-  EXPECT_EQ(bad.exit_code, 1);
-  EXPECT_TRUE(bad.err.starts_with("pkgdlv: Configuration XML failed to load: ")) << bad.err;
-  EXPECT_TRUE(bad.err.ends_with(" (0x80070057)\n")) << bad.err;
+  const std::string bad = Fails("config set '<PackageDelivery'");
+  EXPECT_TRUE(bad.starts_with("pkgdlv: Configuration XML failed to load: ") && bad.ends_with(" (0x80070057)\n")) << bad;
+}
+
+constexpr const char* kLogKey = "settings set 'Event Logging\\logfile' ";
+
+using LogCliTest = CliTest;
+
+// A record goes to the file that path names and the settings name; the tool
+// reports the lines it could not write and refuses what it cannot parse.
+TEST_F(LogCliTest, WritesARecordToTheFileThatPathNamesOrFailsWithOne) {
+  EXPECT_EQ(Ok("log path"), (home_ / "log" / "Agent.log").string() + "\n");
+  Ok("log write --component CliTest hello  'wide world'");
+  Ok("log write --level 8 'trace is filtered by default'");
+  testing::ParsedLogFile parsed = testing::ParseAgentLog(ReadFile(home_ / "log" / "Agent.log"));
+  ASSERT_EQ(parsed.error, "");
+  std::vector<std::tuple<std::string, std::string, std::string, std::string>> events;
+  for (const auto& record : parsed.records) {
+    if (!record.start) {
+      events.emplace_back(record.Attribute("source"), record.Attribute("severity"), record.Attribute("process"),
+                          record.text);
+    }
+  }
+  EXPECT_EQ(events, (decltype(events){{"CliTest", "4", "pkgdlv", "hello wide world"}}));
+  // A console flag in the level echoes the line.
+  EXPECT_EQ(Ok("log write --level 0x4000001 --component Snapshot broken"), "*ERRR\tSnapshot\t\tbroken\r\n");
+  Ok(kLogKey + std::string("FileName Custom.log --text"));
+  EXPECT_EQ(Ok("log path"), (home_ / "log" / "Custom.log").string() + "\n");
+
+  WriteFile(home_ / "plainfile", "");
+  const fs::path folder = home_ / "plainfile" / "log";
+  Ok(kLogKey + std::string("FilePath ") + Quote(folder) + " --text");
+  EXPECT_EQ(Ok("log write --level 8 'filtered is not a failure'"), "");
+  EXPECT_EQ(Fails("log write --count 3 lost"),
+            "pkgdlv: 3 of 3 lines not written to the agent log: cannot create the log folder '" + folder.string() +
+                "': Not a directory\n");
+  for (const char* arguments : {"log write", "log write --level 0x1FFFFFFFF x"}) {
+    EXPECT_TRUE(Fails(arguments).starts_with("pkgdlv: ")) << arguments;
+  }
 }
 
 }  // namespace

@@ -17,9 +17,7 @@ namespace pkgdlv {
 namespace {
 
 struct Shared {
-  std::atomic<int> holders;
-  std::atomic<int> overlaps;
-  std::atomic<int> granted;
+  std::atomic<int> holders, overlaps, granted;
 };
 
 // Takes and gives back the lock `rounds` times; counts any moment at which
@@ -46,7 +44,6 @@ TEST(WorkFolderLockTest, TwoProcessesNeverHoldTheLockAtOnce) {
   void* memory = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(memory, MAP_FAILED);
   Shared* shared = new (memory) Shared{};
-
   pid_t children[2];
   for (pid_t& child : children) {
     child = ::fork();

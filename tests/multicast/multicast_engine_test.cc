@@ -2,16 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <future>
-#include <thread>
 
 #include "support/fake_multicast_core.h"
 #include "support/memory_settings_store.h"
 #include "support/recording_logger.h"
 #include "support/scripted_downloader.h"
-#include "util/event.h"
 
 namespace pkgdlv {
 namespace {
@@ -22,22 +18,25 @@ class MulticastEngineTest : public ::testing::Test {
  protected:
   MulticastEngineTest() {
     Store("Enabled", 1);
-    store_.Set(kMulticastSettingsKey, "Listen Range IP 1 Start", SettingValue::Text("10.0.0.1"));
-    store_.Set(kMulticastSettingsKey, "Listen Range IP 1 End", SettingValue::Text(""));
+    StoreText("Listen Range IP 1 Start", "10.0.0.1");
+    StoreText("Listen Range IP 1 End", "");
   }
   void Store(std::string_view name, uint32_t value) {
     store_.Set(kMulticastSettingsKey, name, SettingValue::Number(value));
   }
-  std::unique_ptr<MulticastEngine> Make(std::shared_ptr<MulticastCore> core) {
+  void StoreText(std::string_view name, std::string_view value) {
+    store_.Set(kMulticastSettingsKey, name, SettingValue::Text(std::string(value)));
+  }
+  std::unique_ptr<MulticastEngine> Make() {
     E::Dependencies deps;
-    deps.core = std::move(core);
+    deps.core = core_;
     deps.client = client_;
     deps.localAddress = [] { return std::string("192.168.1.20"); };
     return std::make_unique<MulticastEngine>(store_, log_, deps);
   }
   // An engine brought up to its idle state (interface open).
   std::unique_ptr<MulticastEngine> Running() {
-    auto engine = Make(core_);
+    auto engine = Make();
     engine->Manage(E::kReevaluate);
     EXPECT_EQ(engine->Manage(E::kStart), E::kIdle);
     return engine;
@@ -50,69 +49,50 @@ class MulticastEngineTest : public ::testing::Test {
     return result;
   }
 
+  // How often the core was closed, opened, reconfigured and initialised.
+  std::tuple<int, int, int, int> Counts() const {
+    return {core_->closed.load(), core_->opened.load(), core_->reconfigured.load(), core_->initialised.load()};
+  }
+
   testing::MemorySettingsStore store_;
   testing::RecordingLogger log_;
   std::shared_ptr<testing::FakeClientAgent> client_ = std::make_shared<testing::FakeClientAgent>();
   std::shared_ptr<testing::FakeMulticastCore> core_ = std::make_shared<testing::FakeMulticastCore>();
 };
 
-TEST_F(MulticastEngineTest, StartUpDecidesEnablementThenInitialisesTheCoreWithTheSettings) {
-  auto engine = Running();
-  const MulticastCoreParameters parameters = core_->Parameters();
-  EXPECT_EQ(parameters.localAddress, "192.168.1.20");
-  EXPECT_EQ(parameters.waitSeconds, 240u);
-  EXPECT_EQ(parameters.listenerRanges, (std::vector<AddressRange>{{"10.0.0.1", ""}}));
-  EXPECT_EQ(core_->Limits(), std::make_pair(5000u, 5000u));
-  EXPECT_EQ(core_->opened, 1);
-  EXPECT_TRUE(engine->CanDownloadPackage());
-
-  engine->Manage(E::kTerminate);
-  EXPECT_EQ(engine->state(), E::kEnded);
-  EXPECT_EQ(core_->closed, 1);
-  EXPECT_EQ(core_->shutdowns, 1);
-  EXPECT_EQ(engine->Manage(E::kStart), E::kEnded);
+TEST_F(MulticastEngineTest, NothingIsAttemptedWhenDisabledUnregisteredBlockedOrTheCoreFails) {
+  const struct {
+    const char* name;
+    bool enabled, registered, registrationFails, coreInitialises, blockedAtStart;
+    int stateAfterStart;
+    const char* line;  // logged by CanDownloadPackage or the registration check
+  } cases[] = {
+      {"disabled", false, true, false, true, false, E::kDisabled,
+       "Multicast is disabled. Multicast download not attempted."},
+      {"not registered", true, false, false, true, false, E::kDisabled, "Multicast is disabled."},
+      {"registration check fails", true, true, true, true, false, E::kDisabled,
+       "Exception checking client status. Multicast is disabled."},
+      {"core cannot start", true, true, false, false, false, E::kNotInitialised,
+       "Engine is not multicast owner. Multicast download not attempted."},
+      {"blockout at start", true, true, false, true, true, E::kInterfaceClosed,
+       "Manage(): Communication blockout is now in effect. Multicast engine can not be started"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Store("Enabled", c.enabled);
+    client_->registered = c.registered;
+    client_->failQueries = c.registrationFails;
+    core_->initialiseWorks = c.coreInitialises;
+    core_->sessionsEndAtOnce = true;
+    client_->blocked = c.blockedAtStart;  // no blockout event reaches this engine
+    log_.Clear();
+    auto engine = Make();
+    engine->Manage(E::kReevaluate);
+    EXPECT_EQ(engine->Manage(E::kStart), c.stateAfterStart);
+    EXPECT_EQ(engine->Download_Try(Guid::Generate(), 1 << 30), kMulticastNotAttempted);
+    EXPECT_TRUE(log_.Contains(c.line));
+  }
 }
-
-struct EnablementCase {
-  const char* name;
-  bool enabled, registered, registrationFails, coreInitialises, blockedAtStart;
-  int stateAfterStart;
-  const char* line;  // logged by CanDownloadPackage or the registration check
-};
-
-void PrintTo(const EnablementCase& c, std::ostream* os) { *os << c.name; }
-
-class EnablementTest : public MulticastEngineTest, public ::testing::WithParamInterface<EnablementCase> {};
-
-TEST_P(EnablementTest, DecidesTheStateAndWhyNothingIsAttempted) {
-  const EnablementCase& c = GetParam();
-  Store("Enabled", c.enabled);
-  client_->registered = c.registered;
-  client_->failQueries = c.registrationFails;
-  core_->initialiseWorks = c.coreInitialises;
-  core_->sessionsEndAtOnce = true;
-  client_->blocked = c.blockedAtStart;  // no blockout event reaches this engine
-  auto engine = Make(core_);
-  engine->Manage(E::kReevaluate);
-  EXPECT_EQ(engine->Manage(E::kStart), c.stateAfterStart);
-  EXPECT_EQ(engine->Download_Try(Guid::Generate(), 1 << 30), kMulticastNotAttempted);
-  EXPECT_TRUE(log_.Contains(c.line)) << c.line;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, EnablementTest,
-    ::testing::Values(
-        EnablementCase{"Disabled", false, true, false, true, false, E::kDisabled,
-                       "Multicast is disabled. Multicast download not attempted."},
-        EnablementCase{"NotRegistered", true, false, false, true, false, E::kDisabled,
-                       "Multicast is disabled. Multicast download not attempted."},
-        EnablementCase{"RegistrationCheckFails", true, true, true, true, false, E::kDisabled,
-                       "Exception checking client status. Multicast is disabled."},
-        EnablementCase{"CoreCannotStart", true, true, false, false, false, E::kNotInitialised,
-                       "Engine is not multicast owner. Multicast download not attempted."},
-        EnablementCase{"BlockoutInForceAtStart", true, true, false, true, true, E::kInterfaceClosed,
-                       "Manage(): Communication blockout is now in effect. Multicast engine can not be started"}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(MulticastEngineTest, InvalidSettingsOrASmallPackageAreNotAttempted) {
   auto engine = Running();
@@ -128,14 +108,11 @@ TEST_F(MulticastEngineTest, BlockoutDuringADownloadStopsItAndOnlyAStartMessageRe
   auto engine = Running();
   std::future<int> download = StartDownload(*engine);
   EXPECT_EQ(engine->state(), E::kDownloading);
-
   engine->OnBlockoutStarted();
   EXPECT_EQ(download.get(), kMulticastNothing);
   EXPECT_TRUE(core_->session->stopped);
   EXPECT_EQ(engine->state(), E::kInterfaceClosed);
   EXPECT_EQ(engine->Manage(E::kStart), E::kInterfaceClosed);
-  EXPECT_TRUE(log_.Contains("Manage(): Communication blockout is now in effect. Multicast engine can not be started"));
-
   engine->OnBlockoutExpired();
   EXPECT_EQ(engine->state(), E::kInterfaceClosed);
   EXPECT_EQ(engine->Manage(E::kStart), E::kIdle);
@@ -152,85 +129,45 @@ TEST_F(MulticastEngineTest, SettingsChangeDuringADownloadIsAppliedWhenItEnds) {
   EXPECT_EQ(core_->closed, 0);
   core_->session->Finish(kMulticastReceived);
   EXPECT_EQ(download.get(), kMulticastReceived);
-  EXPECT_EQ(engine->state(), E::kIdle);
-  EXPECT_EQ(core_->closed, 1);
-  EXPECT_EQ(core_->opened, 2);
-  EXPECT_EQ(core_->Parameters().port, 52031u);
+  EXPECT_EQ(std::make_tuple(engine->state(), core_->closed.load(), core_->opened.load(), core_->Parameters().port),
+            std::make_tuple(E::kIdle, 1, 2, 52031u));
 }
 
-struct SettingsChangeCase {
-  const char* name;
-  std::function<void(testing::MemorySettingsStore&)> change;
-  std::function<bool(const MulticastCoreParameters&, std::pair<uint32_t, uint32_t>)> reachedCore;
-  bool reconfigures;  // the speed limits alone need no new parameters
-};
-
-void PrintTo(const SettingsChangeCase& c, std::ostream* os) { *os << c.name; }
-
-class SettingsChangeTest : public MulticastEngineTest, public ::testing::WithParamInterface<SettingsChangeCase> {};
-
-TEST_P(SettingsChangeTest, ReachesTheCoreWhenTheInterfaceReopens) {
-  const SettingsChangeCase& c = GetParam();
+// Changed settings reach the core when the interface reopens; the speed
+// limits alone need no new parameters. A core that refuses new settings
+// keeps its interface closed.
+TEST_F(MulticastEngineTest, ChangedSettingsReachTheCoreWhenTheInterfaceReopens) {
   auto engine = Running();
-  c.change(store_);
+  StoreText("IP Address", "239.1.2.3");
+  StoreText("Listen Range IP 2 Start", "10.0.1.1");
+  StoreText("Listen Range IP 2 End", "10.0.1.9");
+  StoreText("Exclusion Range IP 1 Start", "10.0.0.5");
+  StoreText("Exclusion Range IP 1 End", "");
   EXPECT_EQ(engine->Manage(E::kSettingsMayHaveChanged), E::kIdle);
-  EXPECT_EQ(core_->closed, 1);
-  EXPECT_EQ(core_->opened, 2);
-  EXPECT_EQ(core_->reconfigured, c.reconfigures ? 1 : 0);
-  EXPECT_TRUE(c.reachedCore(core_->Parameters(), core_->Limits()));
-  EXPECT_EQ(core_->initialised, 1);
+  MulticastCoreParameters parameters = core_->Parameters();
+  EXPECT_EQ(std::make_tuple(parameters.groupAddress, parameters.listenerRanges, parameters.exclusionRanges),
+            std::make_tuple("239.1.2.3", std::vector<AddressRange>{{"10.0.0.1", ""}, {"10.0.1.1", "10.0.1.9"}},
+                            std::vector<AddressRange>{{"10.0.0.5", ""}}));
+  EXPECT_EQ(Counts(), std::make_tuple(1, 2, 1, 1));
 
-  // A core that refuses new settings keeps its interface closed.
-  const uint32_t portBefore = core_->Parameters().port;
+  Store("Max Bandwidth (bytes per sec)", 9000);
+  EXPECT_EQ(engine->Manage(E::kSettingsMayHaveChanged), E::kIdle);
+  EXPECT_EQ(core_->Limits().first, 9000u);
+  EXPECT_EQ(Counts(), std::make_tuple(2, 3, 1, 1));
+
   core_->reconfigureWorks = false;
   Store("Port", 40000);
   EXPECT_EQ(engine->Manage(E::kSettingsMayHaveChanged), E::kInterfaceClosed);
-  EXPECT_EQ(core_->Parameters().port, portBefore);
-  EXPECT_EQ(core_->opened, 2);
+  EXPECT_NE(core_->Parameters().port, 40000u);
+  EXPECT_EQ(core_->opened, 3);
 }
-
-void StoreText(testing::MemorySettingsStore& store, std::string_view name, std::string_view value) {
-  store.Set(kMulticastSettingsKey, name, SettingValue::Text(std::string(value)));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Settings, SettingsChangeTest,
-    ::testing::Values(
-        SettingsChangeCase{"Group", [](auto& s) { StoreText(s, "IP Address", "239.1.2.3"); },
-                           [](const auto& p, auto) { return p.groupAddress == "239.1.2.3"; }, true},
-        SettingsChangeCase{
-            "Bandwidth",
-            [](auto& s) { s.Set(kMulticastSettingsKey, "Max Bandwidth (bytes per sec)", SettingValue::Number(9000)); },
-            [](auto, auto limits) { return limits.first == 9000u; }, false},
-        SettingsChangeCase{"ListenerRange",
-                           [](auto& s) {
-                             StoreText(s, "Listen Range IP 2 Start", "10.0.1.1");
-                             StoreText(s, "Listen Range IP 2 End", "10.0.1.9");
-                           },
-                           [](const auto& p, auto) {
-                             return p.listenerRanges ==
-                                    std::vector<AddressRange>{{"10.0.0.1", ""}, {"10.0.1.1", "10.0.1.9"}};
-                           },
-                           true},
-        SettingsChangeCase{"ExclusionRange",
-                           [](auto& s) {
-                             StoreText(s, "Exclusion Range IP 1 Start", "10.0.0.5");
-                             StoreText(s, "Exclusion Range IP 1 End", "");
-                           },
-                           [](const auto& p, auto) {
-                             return p.exclusionRanges == std::vector<AddressRange>{{"10.0.0.5", ""}};
-                           },
-                           true}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(MulticastEngineTest, MasterSessionsAreLimitedPerClient) {
-  auto engine = Make(core_);
+  auto engine = Make();
   const Guid first = Guid::Generate(), second = Guid::Generate();
   EXPECT_TRUE(engine->AddMasterSession(first));
   EXPECT_FALSE(engine->AddMasterSession(second));
-  EXPECT_TRUE(log_.Contains(
-      "Cannot add package to master session. Too many local active master sessions: local = 1. Max master sessions per "
-      "client = 1"));
+  EXPECT_TRUE(log_.Contains("Too many local active master sessions: local = 1. Max master sessions per client = 1"));
   engine->EndMasterSession(first);
   EXPECT_TRUE(engine->AddMasterSession(second));
 }

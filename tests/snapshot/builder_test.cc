@@ -46,28 +46,28 @@ TEST(SnapshotBuilderTest, ListsHashesAndNumbersAFolder) {
   BuildSnapshotFromFolder(dir / "pkg", options, snapshot);
 
   std::vector<std::string> paths;
-  for (const SnapshotEntry& e : snapshot.entries) paths.push_back(e.RelativePath() + (e.IsFolder() ? "\\" : ""));
-  EXPECT_EQ(paths, (std::vector<std::string>{"big.bin", "Sub\\", "Sub\\empty", "Sub\\small.txt", "Sub\\none\\"}));
-  EXPECT_EQ(snapshot.blockSize, 4096u);
-  EXPECT_EQ(snapshot.declaredBlockSize, 4096u);
-  EXPECT_EQ(snapshot.totalBlocks, 4u);
-  EXPECT_FALSE(snapshot.hasUnhashedFiles);
+  for (const SnapshotEntry& e : snapshot.entries) {
+    paths.push_back(e.RelativePath() + (e.IsFolder() ? "\\" : "|" + std::to_string(e.firstBlock)));
+  }
+  EXPECT_EQ(paths, (std::vector<std::string>{"big.bin|0", "Sub\\", "Sub\\empty|3", "Sub\\small.txt|3", "Sub\\none\\"}));
+  EXPECT_EQ(std::tuple(snapshot.blockSize, snapshot.declaredBlockSize, snapshot.totalBlocks, snapshot.hasUnhashedFiles),
+            std::tuple(4096u, 4096u, 4u, false));
 
   std::shared_ptr<Crypto> crypto = NewOpenSslCrypto();
   const SnapshotEntry& b = *snapshot.FindEntry("", "big.bin");
-  EXPECT_EQ(b.size, 10'000);
-  EXPECT_EQ(b.lastModified, FileTimeFromTimespec(times[1]));
+  EXPECT_EQ(std::tuple(b.size, b.lastModified, b.hasBlockHash),
+            std::tuple(10'000, FileTimeFromTimespec(times[1]), true));
   EXPECT_EQ(b.fileHash, Base64Encode(crypto->Sha256File(dir / "pkg" / "big.bin")));
   EXPECT_EQ(b.blockHashes, ExpectedBlockHashes(big, 4096));
-  EXPECT_TRUE(b.hasBlockHash);
-  EXPECT_EQ(b.firstBlock, 0u);
   const SnapshotEntry& s = *snapshot.FindEntry("sub", "SMALL.TXT");
-  EXPECT_EQ(s.blockHashes, ExpectedBlockHashes(small, 4096));
-  EXPECT_EQ(s.firstBlock, 3u);
-  EXPECT_EQ(s.state, entrystate::kValid);
-  const SnapshotEntry& e = *snapshot.FindEntry("Sub", "empty");
-  EXPECT_FALSE(e.hasBlockHash);
-  EXPECT_EQ(e.fileHash, Base64Encode(crypto->Sha256(std::vector<uint8_t>())));
+  EXPECT_EQ(std::pair(s.blockHashes, s.state), std::pair(ExpectedBlockHashes(small, 4096), entrystate::kValid));
+  EXPECT_FALSE(snapshot.FindEntry("Sub", "empty")->hasBlockHash);
+
+  // One hashing thread gives what two give.
+  Snapshot one;
+  options.hashThreads = 1;
+  BuildSnapshotFromFolder(dir / "pkg", options, one);
+  EXPECT_EQ(one, snapshot);
 
   // The composed document loads back with both passes.
   LoggedSnapshot back;
@@ -75,20 +75,6 @@ TEST(SnapshotBuilderTest, ListsHashesAndNumbersAFolder) {
   ASSERT_TRUE(back.snapshot.LoadBlockHashes());
   EXPECT_EQ(back.snapshot, snapshot);
   EXPECT_EQ(back.snapshot.FindEntry("", "big.bin")->blockHashes, b.blockHashes);
-}
-
-TEST(SnapshotBuilderTest, OneThreadOrTwoGiveTheSameSnapshot) {
-  TempDir dir;
-  for (int i = 0; i < 20; ++i) WriteFile(dir / ("f" + std::to_string(i)), Pattern(1000 + i * 300, i));
-  Snapshot one, two;
-  SnapshotBuildOptions options;
-  options.blockSize = 512;
-  options.hashThreads = 1;
-  BuildSnapshotFromFolder(dir.path(), options, one);
-  options.hashThreads = 2;
-  BuildSnapshotFromFolder(dir.path(), options, two);
-  ASSERT_EQ(one, two);
-  for (size_t i = 0; i < one.entries.size(); ++i) EXPECT_EQ(one.entries[i].blockHashes, two.entries[i].blockHashes);
 }
 
 TEST(SnapshotBuilderTest, LinksInsideAreFollowedOnlyToFiles) {
@@ -105,8 +91,7 @@ TEST(SnapshotBuilderTest, LinksInsideAreFollowedOnlyToFiles) {
   BuildSnapshotFromFolder(dir / "pkg", options, snapshot);
   ASSERT_NE(snapshot.FindEntry("", "alias.txt"), nullptr);
   EXPECT_EQ(snapshot.FindEntry("", "alias.txt")->size, 3);
-  EXPECT_EQ(snapshot.FindEntry("dirlink", ""), nullptr);
-  EXPECT_EQ(snapshot.FindEntry("", "pipe"), nullptr);
+  EXPECT_TRUE(snapshot.FindEntry("dirlink", "") == nullptr && snapshot.FindEntry("", "pipe") == nullptr);
   EXPECT_TRUE(log->Contains("Skipping symbolic link to a folder"));
   EXPECT_TRUE(log->Contains("not a regular file or folder"));
 }
@@ -132,6 +117,7 @@ TEST(SnapshotBuilderTest, RefusalsLeaveTheSnapshotUnchanged) {
        "Names differ only in letter case"},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(c.title);
     TempDir dir;
     WriteFile(dir / "outside" / "secret", "s");
     WriteFile(dir / "pkg" / "ok.txt", "ok");
@@ -140,12 +126,12 @@ TEST(SnapshotBuilderTest, RefusalsLeaveTheSnapshotUnchanged) {
     snapshot.entries.resize(1);
     try {
       BuildSnapshotFromFolder(dir / "pkg", SnapshotBuildOptions{}, snapshot);
-      ADD_FAILURE() << c.title << " was accepted";
+      ADD_FAILURE() << "accepted";
     } catch (const Error& e) {
-      EXPECT_EQ(e.code(), 0x80070057u) << c.title;
-      EXPECT_NE(e.description().find(c.message), std::string::npos) << c.title << ": " << e.description();
+      EXPECT_EQ(e.code(), 0x80070057u);
+      EXPECT_NE(e.description().find(c.message), std::string::npos) << e.description();
     }
-    EXPECT_EQ(snapshot.entries.size(), 1u) << c.title;
+    EXPECT_EQ(snapshot.entries.size(), 1u);
   }
   Snapshot snapshot;
   EXPECT_THROW(BuildSnapshotFromFolder("/nonexistent/folder", SnapshotBuildOptions{}, snapshot), Error);
@@ -158,14 +144,12 @@ TEST(SnapshotBuilderTest, FromAListing) {
       {"b\\c\\file.txt", false, 25, 7}, {"a.txt", false, 10, 0}, {"empty", true}, {"B", true}, {"nosize", false}};
   SetEntriesFromListing(items, snapshot);
   std::vector<std::string> paths;
-  for (const SnapshotEntry& e : snapshot.entries)
+  for (const SnapshotEntry& e : snapshot.entries) {
     paths.push_back(e.RelativePath() + "|" + std::to_string(e.firstBlock));
+  }
   EXPECT_EQ(paths, (std::vector<std::string>{"a.txt|0", "nosize|1", "b|4294967295", "b\\c|4294967295",
                                              "b\\c\\file.txt|1", "empty|4294967295"}));
-  EXPECT_EQ(snapshot.totalBlocks, 4u);
-  EXPECT_TRUE(snapshot.hasUnhashedFiles);
-  EXPECT_EQ(snapshot.FindEntry("b\\c", "file.txt")->lastModified, 7u);
-
+  EXPECT_EQ(std::tuple(snapshot.totalBlocks, snapshot.hasUnhashedFiles), std::tuple(4u, true));
   for (const char* bad : {"..\\x", "\\abs", "a\\\\b", "C:\\x", "", "x/y"}) {
     const ListedItem item[] = {{bad, false, 1}};
     EXPECT_THROW(SetEntriesFromListing(item, snapshot), Error) << bad;

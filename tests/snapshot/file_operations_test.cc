@@ -1,7 +1,11 @@
+// Copying, moving and deleting package files, and the names and paths from
+// documents that must stay inside their package folder.
 #include "snapshot/file_operations.h"
 
 #include <gtest/gtest.h>
 
+#include "util/error.h"
+#include "util/safe_path.h"
 #include "validation_test_support.h"
 
 namespace pkgdlv {
@@ -11,14 +15,6 @@ namespace fs = std::filesystem;
 using testing::PackageFixture;
 using testing::ReadFile;
 using testing::WriteFile;
-
-SnapshotEntry FileEntry(std::string folder, std::string name) {
-  SnapshotEntry entry;
-  entry.folder = std::move(folder);
-  entry.name = std::move(name);
-  entry.size = 1;
-  return entry;
-}
 
 // Leaves the entry as a document that does not know the file's facts would.
 SnapshotEntry& Unknown(SnapshotEntry& entry) {
@@ -87,9 +83,13 @@ TEST(FileOperationsTest, HostileNamesNeverTouchAnythingOutside) {
   WriteFile(package.dir / "outside" / "victim.txt", "precious");
   fs::create_directory_symlink(package.dir / "outside", package.folder / "link");
   Snapshot& snapshot = package.snapshot;
-  snapshot.entries.push_back(FileEntry("..\\outside", "victim.txt"));
-  snapshot.entries.push_back(FileEntry("", "..\\outside\\victim.txt"));
-  snapshot.entries.push_back(FileEntry("link", "victim.txt"));
+  for (const auto& [folder, name] : std::vector<std::pair<std::string, std::string>>{
+           {"..\\outside", "victim.txt"}, {"", "..\\outside\\victim.txt"}, {"link", "victim.txt"}}) {
+    SnapshotEntry& entry = snapshot.entries.emplace_back();
+    entry.folder = folder;
+    entry.name = name;
+    entry.size = 1;
+  }
   for (SnapshotEntry& entry : snapshot.entries) entry.state = entrystate::kInvalid;
 
   EXPECT_FALSE(DeleteInvalidFiles(snapshot, true));
@@ -116,31 +116,57 @@ TEST(FileOperationsTest, APackageFolderOrAFileThatIsALinkIsNeverFollowed) {
   EXPECT_FALSE(DeleteInvalidFiles(package.snapshot, true));
   EXPECT_FALSE(MoveFiles(package.snapshot, package.dir / "moved"));
   EXPECT_FALSE(CopyFiles(package.snapshot, package.dir / "copy", false));
-  EXPECT_EQ(ReadFile(foreign / "big.bin"), package.big);
-  EXPECT_EQ(ReadFile(foreign / "sub" / "small.txt"), package.small);
-  EXPECT_FALSE(fs::exists(package.dir / "copy" / "big.bin"));
-  EXPECT_FALSE(fs::exists(package.dir / "moved" / "big.bin"));
+  EXPECT_EQ(std::pair(ReadFile(foreign / "big.bin"), ReadFile(foreign / "sub" / "small.txt")),
+            std::pair(package.big, package.small));
+  EXPECT_FALSE(fs::exists(package.dir / "copy" / "big.bin") || fs::exists(package.dir / "moved" / "big.bin"));
 
-  // A listed file that is a link: what it leads to is never read for a hash.
+  // Unknown facts are filled from the file, but a listed file that is a link
+  // is never read for a hash.
   PackageFixture other;
   WriteFile(other.dir / "outside" / "secret.txt", "secret");
   fs::remove(other.PathOf("sub/small.txt"));
   fs::create_symlink(other.dir / "outside" / "secret.txt", other.PathOf("sub/small.txt"));
+  const std::string bigHash = other.Entry("", "big.bin").fileHash;
   SnapshotEntry& small = Unknown(other.Entry("sub", "small.txt"));
+  SnapshotEntry& big = Unknown(other.Entry("", "big.bin"));
   UpdateUnknownFiles(other.snapshot);
-  EXPECT_TRUE(small.fileHash.empty());
-  EXPECT_EQ(small.size, -1);
+  EXPECT_EQ(std::pair(small.fileHash, small.size), std::pair(std::string(), int64_t{-1}));
+  EXPECT_EQ(std::tuple(big.size, big.lastModified != 0, big.fileHash), std::tuple(40 * 4096, true, bigHash));
 }
 
-TEST(FileOperationsTest, UpdateUnknownFilesFillsSizeTimeAndHash) {
-  PackageFixture package;
-  const std::string expectedHash = package.Entry("sub", "small.txt").fileHash;
-  SnapshotEntry& small = Unknown(package.Entry("sub", "small.txt"));
-  UpdateUnknownFiles(package.snapshot);
-  EXPECT_EQ(small.size, 100);
-  EXPECT_NE(small.lastModified, 0u);
-  EXPECT_EQ(small.fileHash, expectedHash);
-  EXPECT_TRUE(package.log.Contains("UpdateUnknownFiles: hashed file: '"));
+// ---- Names and paths from documents
+
+TEST(SafePathTest, NamesAndDocumentPaths) {
+  const std::pair<std::string, bool> names[] = {
+      {"file.txt", true}, {"a b", true},   {"...", true},       {"ünïcode", true},   {"x..y", true},
+      {"", false},        {".", false},    {"..", false},       {"a/b", false},      {"a\\b", false},
+      {"C:x", false},     {"x:", false},   {"/etc", false},     {"\\etc", false},  {"tab\there", false},
+      {"nl\n", false},   {"del\x7F", false}, {"..\\..\\etc", false}, {std::string("nul\0x", 5), false},
+  };
+  for (const auto& [name, safe] : names) EXPECT_EQ(IsSafeRelativeName(name), safe) << PrintableName(name);
+  const std::pair<std::string, bool> paths[] = {
+      {"", true},        {"a", true},         {"a\\b\\c.txt", true}, {"\\a", false},  {"a\\", false},
+      {"a\\\\b", false}, {"a\\..\\b", false}, {"..\\x", false},      {".\\x", false}, {"a/b", false},
+      {"/abs", false},   {"C:\\x", false},    {"a\\b\x01", false},
+  };
+  for (const auto& [path, safe] : paths) EXPECT_EQ(IsSafeRelativePath(path), safe) << PrintableName(path);
+}
+
+TEST(SafePathTest, ResolveInsideJoinsWithSlashesAndRefusesEscapes) {
+  EXPECT_EQ(ResolveInside("/pkg", "a\\b\\c.txt"), std::filesystem::path("/pkg/a/b/c.txt"));
+  EXPECT_EQ(ResolveInside("/pkg/", "x"), std::filesystem::path("/pkg/x"));
+  EXPECT_EQ(ResolveInside("/pkg", ""), std::filesystem::path("/pkg"));
+  EXPECT_EQ(ResolveInside("rel/pkg", "a"), std::filesystem::path("rel/pkg/a"));
+  for (const char* bad : {"..\\..\\etc\\passwd", "\\etc", "/etc", "a/../../x", "C:\\Windows", "a\\\n"}) {
+    try {
+      ResolveInside("/pkg", bad);
+      ADD_FAILURE() << "accepted " << PrintableName(bad);
+    } catch (const Error& e) {
+      EXPECT_EQ(e.code(), 0x80070057u);
+      EXPECT_EQ(e.description().rfind("Unsafe path '", 0), 0u) << e.description();
+      EXPECT_EQ(e.description().find('\n'), std::string::npos);
+    }
+  }
 }
 
 }  // namespace

@@ -26,13 +26,8 @@ inline std::string StdAttributes(const std::string& blockSize = "2097152") {
          "\" path=\"ignored\" time=\"2024-03-01T10:20:30\" version=\"5\"";
 }
 
-// n bytes whose values count up from seed, and their Base64 text.
-inline std::vector<uint8_t> HashBytes(size_t n, uint8_t seed = 1) {
-  std::vector<uint8_t> data(n);
-  for (size_t i = 0; i < n; ++i) data[i] = static_cast<uint8_t>(seed + i);
-  return data;
-}
-inline std::string HashText(size_t n, uint8_t seed = 1) { return Base64Encode(HashBytes(n, seed)); }
+// The Base64 text of n bytes.
+inline std::string HashText(size_t n) { return Base64Encode(std::vector<uint8_t>(n, 7)); }
 
 struct LoggedSnapshot {
   std::shared_ptr<RecordingLogger> log = std::make_shared<RecordingLogger>();

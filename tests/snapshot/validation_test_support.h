@@ -7,7 +7,6 @@
 
 #include <string>
 
-#include "agent/volume_info.h"
 #include "snapshot/snapshot_builder.h"
 #include "snapshot/validation.h"
 #include "snapshot_test_support.h"
@@ -64,20 +63,6 @@ struct PackageFixture {
   SnapshotEntry& Entry(std::string_view folderName, std::string_view name) {
     return *snapshot.FindEntry(folderName, name);
   }
-};
-
-class FakeVolumeInfo final : public VolumeInfo {
- public:
-  explicit FakeVolumeInfo(bool exactTimes) : exactTimes_(exactTimes) {}
-  std::optional<VolumeDetails> Query(const std::filesystem::path&) override {
-    VolumeDetails details;
-    details.fileSystem = exactTimes_ ? "ext4" : "vfat";
-    details.exactTimes = exactTimes_;
-    return details;
-  }
-
- private:
-  bool exactTimes_;
 };
 
 }  // namespace pkgdlv::testing

@@ -17,23 +17,8 @@ namespace {
 
 constexpr size_t kChunk = 16384;
 
-// A body held in memory or made on the fly.
-struct Body {
-  std::shared_ptr<const std::string> data;  // null for a generated body
-  uint64_t size = 0;
-  bool chunked = false;
-
-  std::string Slice(uint64_t offset, size_t length) const {
-    if (data) return data->substr(offset, length);
-    std::string out(length, '\0');
-    for (size_t i = 0; i < length; ++i) out[i] = HttpTestServer::GeneratedByte(offset + i);
-    return out;
-  }
-};
-
 struct Route {
-  enum class Kind { kBody, kRedirect } kind = Kind::kBody;
-  Body body;
+  std::shared_ptr<const std::string> body;  // null for a redirect
   std::vector<std::pair<std::string, std::string>> headers;
   std::string target;
   int status = 302;
@@ -84,9 +69,8 @@ struct HttpTestServer::State {
 
   // Sleeps up to ms, less when the server stops; false when it stops.
   bool Sleep(uint64_t ms) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (std::chrono::steady_clock::now() < end) {
-      if (stopping) return false;
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+         std::chrono::steady_clock::now() < end && !stopping;) {
       std::this_thread::sleep_for(std::chrono::milliseconds(std::min<uint64_t>(ms, 5)));
     }
     return !stopping;
@@ -116,7 +100,6 @@ void HttpTestServer::State::Handle(const httplib::Request& request, httplib::Res
     }
     if (auto it = faults.find(request.path); it != faults.end()) fault = it->second;
   }
-  if (fault.delayMs && !Sleep(fault.delayMs)) return;
   if (fault.requireAuth && !request.has_header("Authorization")) {
     response.status = 401;
     response.set_header("WWW-Authenticate", "Basic realm=\"packages\"");
@@ -134,7 +117,7 @@ void HttpTestServer::State::Handle(const httplib::Request& request, httplib::Res
     response.set_content("not found", "text/plain");
     return;
   }
-  if (route.kind == Route::Kind::kRedirect) {
+  if (!route.body) {
     response.set_redirect(route.target, route.status);
     return;
   }
@@ -144,15 +127,15 @@ void HttpTestServer::State::Handle(const httplib::Request& request, httplib::Res
 
 void HttpTestServer::State::ServeBody(const httplib::Request& request, httplib::Response& response,
                                       const Route& route, const HttpFault& fault) {
-  const Body& body = route.body;
+  const std::shared_ptr<const std::string> body = route.body;
   uint64_t start = 0;
-  uint64_t length = body.size;
+  uint64_t length = body->size();
   response.status = 200;
-  if (request.has_header("Range") && !fault.ignoreRange && !body.chunked) {
-    auto range = ParseRange(request.get_header_value("Range"), body.size);
-    if (!range || range->first >= body.size) {
+  if (request.has_header("Range") && !fault.ignoreRange) {
+    auto range = ParseRange(request.get_header_value("Range"), body->size());
+    if (!range || range->first >= body->size()) {
       response.status = 416;
-      response.set_header("Content-Range", "bytes */" + std::to_string(body.size));
+      response.set_header("Content-Range", "bytes */" + std::to_string(body->size()));
       return;
     }
     start = range->first;
@@ -160,7 +143,7 @@ void HttpTestServer::State::ServeBody(const httplib::Request& request, httplib::
     response.status = 206;
     response.set_header("Content-Range", fault.contentRange.value_or("bytes " + std::to_string(range->first) + "-" +
                                                                      std::to_string(range->second) + "/" +
-                                                                     std::to_string(body.size)));
+                                                                     std::to_string(body->size())));
   }
   // Hands out the body from start on in chunks, bending it as the fault says;
   // offset counts from start.
@@ -176,26 +159,13 @@ void HttpTestServer::State::ServeBody(const httplib::Request& request, httplib::
       n = std::min<uint64_t>(n, std::max<uint64_t>(1, fault.bytesPerSecond / 20));
       if (!Sleep(n * 1000 / fault.bytesPerSecond)) return false;
     }
-    std::string chunk = body.Slice(start + offset, static_cast<size_t>(n));
+    std::string chunk = body->substr(start + offset, static_cast<size_t>(n));
     int64_t corrupt = fault.corruptByte - static_cast<int64_t>(start + offset);
     if (corrupt >= 0 && corrupt < static_cast<int64_t>(n)) chunk[static_cast<size_t>(corrupt)] ^= 0xFF;
     return sink.write(chunk.data(), chunk.size());
   };
-  if (body.chunked) {
-    response.set_chunked_content_provider("application/octet-stream",
-                                          [produce, length](size_t offset, httplib::DataSink& sink) {
-                                            if (offset >= length) {
-                                              sink.done();
-                                              return true;
-                                            }
-                                            return produce(offset, sink);
-                                          });
-  } else {
-    response.set_content_provider(static_cast<size_t>(length), "application/octet-stream",
-                                  [produce](size_t offset, size_t, httplib::DataSink& sink) {
-                                    return produce(offset, sink);
-                                  });
-  }
+  response.set_content_provider(static_cast<size_t>(length), "application/octet-stream",
+                                [produce](size_t offset, size_t, httplib::DataSink& sink) { return produce(offset, sink); });
 }
 
 std::string RecordedRequest::Header(std::string_view name) const {
@@ -245,29 +215,13 @@ std::string HttpTestServer::Url(std::string_view path) const {
 
 void HttpTestServer::AddFile(const std::string& path, std::string body,
                              std::vector<std::pair<std::string, std::string>> headers) {
-  Route route;
-  route.body.size = body.size();
-  route.body.data = std::make_shared<const std::string>(std::move(body));
-  route.headers = std::move(headers);
   std::lock_guard lock(state_->mutex);
-  state_->routes[path] = std::move(route);
-}
-
-void HttpTestServer::AddGenerated(const std::string& path, uint64_t size, bool chunked) {
-  Route route;
-  route.body.size = size;
-  route.body.chunked = chunked;
-  std::lock_guard lock(state_->mutex);
-  state_->routes[path] = std::move(route);
+  state_->routes[path] = Route{std::make_shared<const std::string>(std::move(body)), std::move(headers), {}, 0};
 }
 
 void HttpTestServer::AddRedirect(const std::string& path, const std::string& target, int status) {
-  Route route;
-  route.kind = Route::Kind::kRedirect;
-  route.target = target;
-  route.status = status;
   std::lock_guard lock(state_->mutex);
-  state_->routes[path] = std::move(route);
+  state_->routes[path] = Route{nullptr, {}, target, status};
 }
 
 void HttpTestServer::SetFault(const std::string& path, const HttpFault& fault) {
@@ -284,10 +238,6 @@ size_t HttpTestServer::RequestCount(std::string_view path) const {
   std::lock_guard lock(state_->mutex);
   return static_cast<size_t>(std::count_if(state_->requests.begin(), state_->requests.end(),
                                            [&](const RecordedRequest& r) { return r.path == path; }));
-}
-
-char HttpTestServer::GeneratedByte(uint64_t offset) {
-  return static_cast<char>('a' + (offset * 7 + offset / 251) % 26);
 }
 
 }  // namespace pkgdlv::testing

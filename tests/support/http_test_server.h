@@ -1,5 +1,5 @@
 // An in-process HTTP server on 127.0.0.1 (cpp-httplib) with faults that a
-// test scripts per path: a delay, a status, a truncated or corrupt body, a
+// test scripts per path: a status, a truncated or corrupt body, a
 // stall, a throttle, a wrong or ignored byte range, redirects. Serves single
 // byte ranges itself ("bytes=a-b", "bytes=a-") so the faults can bend them.
 //
@@ -19,7 +19,6 @@ namespace pkgdlv::testing {
 
 struct HttpFault {
   int status = 0;                          // answer with this status and an empty body (0: serve normally)
-  uint32_t delayMs = 0;                    // wait before answering
   bool ignoreRange = false;                // answer a range request with 200 and the whole body
   std::optional<std::string> contentRange = {};  // answer a range request with this Content-Range (and what was asked)
   uint64_t truncateAfter = UINT64_MAX;     // close the connection after this many body bytes
@@ -58,18 +57,12 @@ class HttpTestServer {
   // Serves body at path (GET and POST), with extra response headers.
   void AddFile(const std::string& path, std::string body,
                std::vector<std::pair<std::string, std::string>> headers = {});
-  // Serves size bytes of a repeating pattern, made as they are sent; with
-  // chunked, no Content-Length is announced.
-  void AddGenerated(const std::string& path, uint64_t size, bool chunked = false);
   // Answers path with a redirect to target (absolute URL or "/path").
   void AddRedirect(const std::string& path, const std::string& target, int status = 302);
   void SetFault(const std::string& path, const HttpFault& fault);
 
   std::vector<RecordedRequest> Requests() const;
   size_t RequestCount(std::string_view path) const;
-
-  // The byte at offset of a generated body.
-  static char GeneratedByte(uint64_t offset);
 
  private:
   struct State;

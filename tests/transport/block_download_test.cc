@@ -1,8 +1,7 @@
-// Block-range downloads from real servers on 127.0.0.1 (nginx serving the
-// package folder, an in-process server for requests, redirects and faults)
-// and from a local folder: complete downloads byte for byte, blocks the
-// local map already has, faults that end a file, a moved source, a cancel
-// from another thread, hostile names and the site reservation.
+// Block-range downloads from an in-process server on 127.0.0.1 and from a
+// local folder: complete downloads byte for byte, blocks the local map
+// already has, faults that end a file, a cancel from another thread and
+// hostile names.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <fcntl.h>
@@ -16,9 +15,7 @@
 
 #include "block_test_support.h"
 #include "support/http_test_server.h"
-#include "support/nginx_server.h"
 #include "support/transport_services.h"
-#include "transport/site_limits.h"
 #include "util/errno_result.h"
 
 namespace pkgdlv {
@@ -34,8 +31,6 @@ using testing::PatternBytes;
 using testing::ReadFile;
 using testing::UrlPath;
 using testing::WriteFile;
-
-constexpr uint64_t kPackageBytes = 10240 + 3 * kBlock + 100;
 
 // Blocks 0-2 a.bin (the last one half), 3-5 c.bin, 6 sub\b.txt; empty.dat
 // has none.
@@ -56,13 +51,6 @@ void ExpectTargetMatches(const BlockPackage& package) {
   }
 }
 
-template <class Set>
-HttpFault Fault(Set set) {
-  HttpFault fault;
-  set(fault);
-  return fault;
-}
-
 // The Range headers each path was asked for, in order.
 std::map<std::string, std::vector<std::string>> RangesAsked(const HttpTestServer& server) {
   std::map<std::string, std::vector<std::string>> ranges;
@@ -81,80 +69,27 @@ class BlockDownloadTest : public ::testing::Test {
   HttpTestServer server_;
 };
 
-TEST_F(BlockDownloadTest, CompleteDownloadIsTheSourceByteForByte) {
-  std::unique_ptr<testing::NginxServer> nginx;
-  struct Case {
-    std::string name;
-    std::string source;
-  };
-  std::vector<Case> cases = {{"local folder", testing::StoredFolder(package_.source)}};
-  if (testing::NginxServer::Available()) {
-    nginx = std::make_unique<testing::NginxServer>(package_.dir.path());
-    cases.push_back({"nginx", nginx->Url("/source")});
-  } else {
-    ADD_FAILURE() << "nginx is not installed; only the folder source was tried";
-  }
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    fs::remove_all(package_.target);
-    env_.log->Clear();
-    AttemptRunner runner(env_.services, package_);
-    ASSERT_EQ(runner.Run(c.source), 0u) << runner.download.LastDescription();
-    ExpectTargetMatches(package_);
-    EXPECT_EQ(runner.map.Count(), 7u);
-    ASSERT_EQ(runner.stored.size(), 1u) << "stored once, at the end";
-    EXPECT_EQ(runner.stored.back().Count(), 7u);
-    EXPECT_EQ(runner.blocks.statistics().downloaded, kPackageBytes);
-
-    // The clock stands still, so each file reports only its start and end.
-    const std::vector<std::string> events = runner.events.Take();
-    const std::vector<std::string> expected = {
-        "begin a.bin",     "transfer a.bin",     "progress 0/10240", "progress 10240/10240", "end a.bin 0x00000000",
-        "begin c.bin",     "transfer c.bin",     "progress 0/12288", "progress 12288/12288", "end c.bin 0x00000000",
-        "begin empty.dat", "transfer empty.dat", "progress 0/0",     "progress 0/0",         "end empty.dat 0x00000000",
-        "begin b.txt",     "transfer b.txt",     "progress 0/100",   "progress 100/100",     "end b.txt 0x00000000"};
-    EXPECT_EQ(events, expected);
-    EXPECT_TRUE(env_.log->Contains("Download package 'Demo' from' " + c.source +
-                                   "', local blocks: 0/7, server blocks: 0/0, bytes in cache: 0"));
-    EXPECT_TRUE(env_.log->Contains("Empty file '" + (package_.target / "empty.dat").string() + "' has been created"));
-    EXPECT_TRUE(
-        env_.log->Contains("Package 'Demo', downloaded successfully from '" + c.source + "', local blocks: 7/7"));
-    EXPECT_TRUE(
-        env_.log->Contains("Download attempt completed: downloaded 22628 bytes at 22628 bytes per second, "
-                           "used 0 bytes from cache"));
-  }
-}
-
 TEST_F(BlockDownloadTest, AsksOnlyForTheBlocksTheLocalMapLacks) {
   const std::string a = package_.Content("a.bin");
   struct Case {
-    std::string name;
-    std::function<void()> prepare;
+    std::optional<std::string> a;  // what the target's a.bin holds; nullopt: an empty target
     bool mapHasAllOfA;
     std::map<std::string, std::vector<std::string>> ranges;
   } cases[] = {
-      {"empty folder",
-       [] {},
-       false,
+      {std::nullopt, false,
        {{"/pkg/a.bin", {"bytes=0-4095", "bytes=4096-8191", "bytes=8192-10239"}},
         {"/pkg/c.bin", {"bytes=0-4095", "bytes=4096-8191", "bytes=8192-12287"}},
         {"/pkg/sub/b.txt", {"bytes=0-99"}}}},
       // A file cut short keeps its whole blocks; only the rest is asked for.
-      {"a.bin cut short",
-       [&] { WriteFile(package_.target / "a.bin", a.substr(0, 9000)); },
-       false,
-       {{"/pkg/a.bin", {"bytes=8192-10239"}}}},
+      {a.substr(0, 9000), false, {{"/pkg/a.bin", {"bytes=8192-10239"}}}},
       // Every block of a.bin in the map: nothing asked, but the file is still
       // cut to its size and given its time.
-      {"a.bin too long, all its blocks in the map",
-       [&] { WriteFile(package_.target / "a.bin", a + "trailing bytes"); },
-       true,
-       {}},
+      {a + "trailing bytes", true, {}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.a ? c.a->size() : 0);
     fs::remove_all(package_.target);
-    if (c.name != "empty folder") {
+    if (c.a) {
       // Complete copies with the snapshot's times: nothing to fetch for them.
       for (const auto& [path, content] : package_.files()) {
         const fs::path file = package_.target / UrlPath(path);
@@ -164,7 +99,7 @@ TEST_F(BlockDownloadTest, AsksOnlyForTheBlocksTheLocalMapLacks) {
         ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
       }
     }
-    c.prepare();
+    if (c.a) WriteFile(package_.target / "a.bin", *c.a);
     HttpTestServer server;
     Serve(server);
     AttemptRunner runner(env_.services, package_);
@@ -191,12 +126,10 @@ TEST_F(BlockDownloadTest, AFaultEndsTheFileWithItsCodeAndTheMapKeepsWhatArrived)
     std::vector<uint32_t> blocksOfC;
     uint64_t bytesOfCOnDisk;
   } cases[] = {
-      {"not found", Fault([](HttpFault& f) { f.status = 404; }), 3 * kBlock, 0, 0x80042D21, {}, 0},
-      {"connection reset mid-block", Fault([](HttpFault& f) { f.truncateAfter = 1000; }), 3 * kBlock, 0, 0x800C0008,
-       {}, 0},
-      {"block 1 corrupt", Fault([](HttpFault& f) { f.corruptByte = kBlock + 10; }), 3 * kBlock, 0, 0x80090002, {0},
-       kBlock},
-      {"block 0 corrupt", Fault([](HttpFault& f) { f.corruptByte = 10; }), 3 * kBlock, 0, 0x80090002, {}, 0},
+      {"not found", {.status = 404}, 3 * kBlock, 0, 0x80042D21, {}, 0},
+      {"connection reset mid-block", {.truncateAfter = 1000}, 3 * kBlock, 0, 0x800C0008, {}, 0},
+      {"block 1 corrupt", {.corruptByte = kBlock + 10}, 3 * kBlock, 0, 0x80090002, {0}, kBlock},
+      {"block 0 corrupt", {.corruptByte = 10}, 3 * kBlock, 0, 0x80090002, {}, 0},
       {"server's file shorter: short last block", {}, 3 * kBlock - 1000, 0, 1629, {0, 1}, 2 * kBlock},
       // Block 0 is with the writer when block 1's request fails: it is
       // still written and marked.
@@ -245,38 +178,9 @@ TEST_F(BlockDownloadTest, AFaultEndsTheFileWithItsCodeAndTheMapKeepsWhatArrived)
   }
 }
 
-TEST_F(BlockDownloadTest, AListThatLeavesBlocksMissingEndsWith707) {
-  Serve(server_);
-  AttemptRunner runner(env_.services, package_);
-  const Result code = runner.Run(server_.Url("/pkg"), [&](AttemptInput&) {
-    std::erase_if(runner.updateList.entries, [](const SnapshotEntry& entry) { return entry.name == "c.bin"; });
-  });
-  EXPECT_EQ(code, 707u);
-  EXPECT_EQ(runner.map.Count(), 4u);
-  ASSERT_EQ(runner.stored.size(), 1u);
-  EXPECT_EQ(runner.stored.back().Count(), 4u);
-}
-
-TEST_F(BlockDownloadTest, AMovedSourceServesTheRestOfThatFileOnly) {
-  Serve(server_);
-  server_.AddRedirect("/pkg/a.bin", "/moved/a.bin");
-  server_.AddRedirect("/pkg/c.bin", "/moved/c.bin");
-  server_.AddFile("/moved/a.bin", package_.Content("a.bin"));
-  server_.AddFile("/moved/c.bin", package_.Content("c.bin"));
-  AttemptRunner runner(env_.services, package_);
-  ASSERT_EQ(runner.Run(server_.Url("/pkg")), 0u) << runner.download.LastDescription();
-  ExpectTargetMatches(package_);
-  // Each file starts from the source given and then keeps to where it moved.
-  EXPECT_EQ(server_.RequestCount("/pkg/a.bin"), 1u);
-  EXPECT_EQ(server_.RequestCount("/moved/a.bin"), 3u);
-  EXPECT_EQ(server_.RequestCount("/pkg/c.bin"), 1u);
-  EXPECT_EQ(server_.RequestCount("/moved/c.bin"), 3u);
-  EXPECT_EQ(server_.RequestCount("/pkg/sub/b.txt"), 1u);
-}
-
 TEST_F(BlockDownloadTest, ACancelFromAnotherThreadEndsTheAttemptPromptly) {
   Serve(server_);
-  server_.SetFault("/pkg/c.bin", Fault([](HttpFault& f) { f.bytesPerSecond = 2048; }));  // two seconds a block
+  server_.SetFault("/pkg/c.bin", {.bytesPerSecond = 2048});  // two seconds a block
   AttemptRunner runner(env_.services, package_);
   std::chrono::steady_clock::time_point cancelledAt;
   std::thread canceller([&] {
@@ -327,61 +231,6 @@ TEST_F(BlockDownloadTest, HostileNamesNeverLeaveThePackageFolder) {
     EXPECT_TRUE(fs::is_empty(outside));
     EXPECT_FALSE(fs::exists(package_.dir / "b.txt"));
     EXPECT_EQ(server_.Requests().size(), requestsBefore);
-  }
-}
-
-TEST_F(BlockDownloadTest, SiteReservationStandsAroundTheAttempt) {
-  const char* const page = "/QS/Agent/SiteTransfer.aspx";
-  struct Case {
-    std::string name;
-    std::optional<uint32_t> limit;
-    std::string answer;
-    Result code;
-    std::vector<std::string> ops;
-    size_t blockRequests;
-  } cases[] = {
-      {"site without a limit", std::nullopt, "<SiteTransfer/>", 0, {}, 7},
-      {"slot granted", 2, "<SiteTransfer/>", 0, {"Start", "Done"}, 7},
-      {"no slot free", 2, "<Error number=\"8004200D\"/>", 0x8004200D, {"Start"}, 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    fs::remove_all(package_.target);
-    env_.log->Clear();
-    HttpTestServer server;
-    Serve(server);
-    server.AddFile(page, c.answer, {{"Content-Type", "text/xml"}});
-    env_.settings->Set(kSitesSettingsKey, kSiteTransferServerUrlValue, SettingValue::Text(server.Url("")));
-    const std::string siteKey = std::string(kSitesSettingsKey) + "\\site-1";
-    if (c.limit) {
-      env_.settings->Set(siteKey, kSiteOutboundLimitValue, SettingValue::Number(*c.limit));
-    } else {
-      env_.settings->Delete(siteKey, kSiteOutboundLimitValue);
-    }
-    AttemptRunner runner(env_.services, package_);
-    runner.record.siteQueryResource = "{0D9E8F7A-6B5C-4D3E-2F1A-0B9C8D7E6F5A}";
-    EXPECT_EQ(runner.Run(server.Url("/pkg"), [](AttemptInput& input) { input.siteId = "site-1"; }), c.code);
-
-    std::vector<std::string> ops;
-    size_t blockRequests = 0;
-    for (const auto& request : server.Requests()) {
-      if (request.path != page) {
-        ++blockRequests;
-        continue;
-      }
-      for (const char* op : {"Start", "Update", "Done"}) {
-        if (request.query.find(std::string("op='") + op + "'") != std::string::npos) ops.push_back(op);
-      }
-      if (!ops.empty() && ops.back() == "Done") {
-        EXPECT_NE(request.query.find("<total>22628</total><done>22628</done>"), std::string::npos) << request.query;
-      }
-    }
-    EXPECT_EQ(ops, c.ops);
-    EXPECT_EQ(blockRequests, c.blockRequests);
-    if (!c.limit) {
-      EXPECT_TRUE(
-          env_.log->Contains("No limit is defined for site: site-1. Outbound slot reservation will not be used"));
-    }
   }
 }
 

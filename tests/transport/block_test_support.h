@@ -15,6 +15,7 @@
 #include "snapshot/snapshot_builder.h"
 #include "snapshot/validation.h"
 #include "support/temp_dir.h"
+#include "support/test_util.h"
 #include "transport/block_download.h"
 #include "transport/download_events.h"
 #include "transport/package_download.h"
@@ -24,19 +25,6 @@ namespace pkgdlv::testing {
 
 inline constexpr uint32_t kBlock = 4096;
 inline constexpr const char* kBlockPackageId = "{5B1D0C9E-3A2F-4E6D-8C7B-9A0F1E2D3C4B}";
-
-inline std::string PatternBytes(size_t size, int seed) {
-  std::string data(size, '\0');
-  for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(seed + i * 13 + i / 997);
-  return data;
-}
-
-// The stored form of a local folder ("\\\" and the path with "\").
-inline std::string StoredFolder(const std::filesystem::path& path) {
-  std::string text = path.string();
-  for (char& c : text) c = c == '/' ? '\\' : c;
-  return "\\\\" + text;
-}
 
 // A document path ("sub\b.txt") as a URL path ("sub/b.txt").
 inline std::string UrlPath(std::string path) {
