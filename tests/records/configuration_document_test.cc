@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "support/memory_settings_store.h"
 #include "support/recording_logger.h"
 #include "support/temp_dir.h"
 #include "util/error.h"
@@ -73,41 +72,6 @@ TEST_F(ConfigurationDocumentTest, RefusedDocumentsChangeNothing) {
   }
   EXPECT_EQ(Stored("Download history size"), std::nullopt);
   EXPECT_EQ(folder_, "/var/lib/pkgdlv/Package Delivery");
-}
-
-// ---- The settings behind it
-
-// A missing value is written with its default at its first read; a stored
-// value is limited to its range but never corrected, and read as signed or
-// unsigned as the setting is. Names are spelled here, not taken from the table.
-TEST(DeliverySettingsTest, DefaultsAreWrittenAndStoredValuesLimitedButNeverCorrected) {
-  using D = DeliverySetting;
-  testing::MemorySettingsStore store;
-  testing::RecordingLogger log;
-  DeliverySettings settings(store, log);
-  const auto stored = [&](const char* name) { return store.Get(kDeliverySettingsKey, name); };
-  constexpr bool kMissing = true;  // the value is not stored before the read
-  const std::tuple<const char*, D, uint32_t, uint64_t, bool> cases[] = {  // name, id, stored, read, missing
-      {"Retry delay (mins)", D::kRetryDelay, 3, 180'000, kMissing},
-      {"Retry delay (mins)", D::kRetryDelay, 500, 3'600'000, false},
-      {"Retry delay (mins)", D::kRetryDelay, 0xFFFFFFFF, 60'000, false},  // signed: -1
-      {"Urgent retry delay (ms)", D::kUrgentRetryDelay, 4'999, 5'000, false},
-      {"Maximum download attempts", D::kMaxDownloadAttempts, 0xFFFFFFFF, 0, false},  // unsigned: very large
-      {"Download history size", D::kHistorySize, 30, 30, kMissing},
-      {"Min Disk Free Space (MBytes)", D::kMinDiskFreeSpace, 0x1000001, 0x1000000ull * 1'048'576, false},
-      {"Site transfer keep-alive interval (seconds)", D::kSiteTransferKeepAlive, 9, 10, false},
-      {"Maximum decrypt failures", D::kMaxDecryptFailures, 0, 10, false},
-  };
-  for (const auto& [name, id, value, result, missing] : cases) {
-    SCOPED_TRACE(name);
-    if (!missing) store.Set(kDeliverySettingsKey, name, SettingValue::Number(value));
-    EXPECT_EQ(settings.Read(id), result);
-    EXPECT_EQ(stored(name), SettingValue::Number(value));
-  }
-  // A value of the wrong type is replaced by the default.
-  store.Set(kDeliverySettingsKey, "Download history size", SettingValue::Text("50"));
-  EXPECT_EQ(settings.HistorySize(), 30u);
-  EXPECT_EQ(stored("Download history size"), SettingValue::Number(30));
 }
 
 }  // namespace

@@ -67,23 +67,6 @@ TEST(PackageRequestTest, PackageKeyDigestsIdentifierAndVersion) {
   EXPECT_EQ(Hex(record->GetPackageKey()), "606007c718b1da8ce4cdedcd27bca483da3ad333") << "a new version, a new key";
 }
 
-TEST(PackageRequestTest, CreateStorageAreaMakesThePackageFolder) {
-  RecordServices services;
-  TempDir dir;
-  auto record = services.NewRecord();
-  record->SetId(ParseId(kPackageId));
-  EXPECT_TRUE(record->CreateStorageArea(dir / "work" / kPackageId));
-  EXPECT_TRUE(std::filesystem::is_directory(dir / "work" / kPackageId));
-  EXPECT_EQ(record->packageFolder(), (dir / "work" / kPackageId).string());
-
-  testing::WriteFile(dir / "file", "x");
-  EXPECT_FALSE(record->CreateStorageArea(dir / "file" / "pkg"));
-  EXPECT_EQ(record->packageFolder(), (dir / "work" / kPackageId).string());
-  EXPECT_EQ(services.Messages(loglevel::kError),
-            std::vector<std::string>{"Cannot create storage area for package: " + kId +
-                                     ". Error: Not a directory (0x00000014)"});
-}
-
 // Each reason is logged when asked to, and the last two always.
 TEST(PackageRequestTest, IsSnapshotValidDecidesAndLogs) {
   using Setup = std::function<void(PackageRequest&)>;

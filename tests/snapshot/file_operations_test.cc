@@ -66,18 +66,6 @@ TEST(FileOperationsTest, DeletesInvalidFilesOrTheWholePackage) {
   EXPECT_FALSE(fs::exists(package.folder));
 }
 
-TEST(FileOperationsTest, MovingNothingCreatesTheNewFolderAndNoPathFails) {
-  PackageFixture package;
-  Snapshot empty(package.loaded.log);
-  empty.path = package.folder.string();
-  EXPECT_TRUE(MoveFiles(empty, package.dir / "new" / "pkg"));
-  EXPECT_TRUE(fs::is_directory(package.dir / "new" / "pkg"));
-  empty.path.clear();
-  EXPECT_FALSE(CopyFiles(empty, package.dir / "x", false));
-  EXPECT_EQ(DeletePackageFiles(empty), result::kInvalidArg);
-  EXPECT_TRUE(package.log.Contains("No path specified for snapshot"));
-}
-
 TEST(FileOperationsTest, HostileNamesNeverTouchAnythingOutside) {
   PackageFixture package;
   WriteFile(package.dir / "outside" / "victim.txt", "precious");

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <random>
-#include <thread>
 
 #include "support/recording_logger.h"
 #include "util/memory_test_support.h"
@@ -222,34 +221,6 @@ TEST(CompressedFrameTest, TruncatedFramesAndClaimsPastTheEnd) {
       EXPECT_EQ(UnpackStream(c, 1000).code, result::kEndOfData);
     }
   }
-}
-
-// The log flags are added to the level of every line; the last error belongs
-// to the calling thread.
-TEST(CompressedFrameTest, InvalidLevelFailsAndLogFlagsAreAddedToTheLevel) {
-  const Bytes data = MakeData(1000);
-  RecordingLogger log;
-  Bytes buffer = data, not_a_frame = data;
-  EXPECT_FALSE(Compress(buffer, 10, 0, log));
-  EXPECT_EQ(buffer, data);
-  EXPECT_EQ(std::tuple(LastFrameError(), LastFrameFailure().description),
-            std::tuple(result::kFail, "Compression error -2:"));
-  std::thread([] { EXPECT_EQ(LastFrameError(), result::kOk); }).join();
-  EXPECT_EQ(log.Lines().at(0).message, "Error while compressing data: Compression error -2: (-2147467259)");
-
-  log.Clear();
-  ASSERT_TRUE(Compress(buffer, 1, loglevel::kErrorAsInfo, log));
-  EXPECT_EQ(LastFrameError(), result::kOk);
-  ASSERT_TRUE(Decompress(buffer, kNoFrameOutputLimit, loglevel::kErrorAsInfo, log));
-  EXPECT_FALSE(Decompress(not_a_frame, kNoFrameOutputLimit, loglevel::kErrorAsInfo, log));
-  ASSERT_TRUE(Compress(buffer, 1, loglevel::kSilent, log));
-  EXPECT_FALSE(Decompress(not_a_frame, kNoFrameOutputLimit, loglevel::kSilent, log));
-  std::vector<uint32_t> levels;
-  for (const testing::LogLine& line : log.Lines()) levels.push_back(line.level);
-  EXPECT_EQ(levels, (std::vector<uint32_t>{loglevel::kTrace | loglevel::kErrorAsInfo,
-                                           loglevel::kTrace | loglevel::kErrorAsInfo,
-                                           loglevel::kError | loglevel::kErrorAsInfo}));
-  EXPECT_TRUE(log.Lines()[0].message.starts_with("Compressed data: 1000 -> ")) << log.Lines()[0].message;
 }
 
 // A cap on the output holds exactly at its value, and a small frame that
