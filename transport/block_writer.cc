@@ -59,7 +59,7 @@ BlockWriter::~BlockWriter() {
 void BlockWriter::Begin(const Target& target) {
   std::lock_guard lock(mutex_);
   target_ = target;
-  abandoned_ = false;
+  checkFailed_ = writeFailed_ = false;
   direct_.Reset();
   directTried_ = false;
 }
@@ -133,7 +133,7 @@ void BlockWriter::Verify() {
     if (verified_ == submitted_) return;  // stopping with nothing handed over
     Slot& slot = slots_[verified_ % kSlots];
     const std::span<const uint8_t> data = DataOf(verified_);
-    const bool skip = abandoned_;
+    const bool skip = checkFailed_ || writeFailed_;
     lock.unlock();
     try {
       if (!skip) Check(verifierValidator_, slot.block, data);
@@ -143,7 +143,7 @@ void BlockWriter::Verify() {
     lock.lock();
     // The file ends at a failed block: what follows is neither checked nor
     // written, so the file holds no block past the failure.
-    if (slot.failure) abandoned_ = true;
+    if (slot.failure) checkFailed_ = true;
     slot.dropped = skip;
     ++verified_;
     changed_.notify_all();
@@ -157,7 +157,9 @@ void BlockWriter::Write() {
     if (written_ == verified_) return;  // stopping with everything written
     Slot& slot = slots_[written_ % kSlots];
     const std::span<const uint8_t> data = DataOf(written_);
-    const bool skip = slot.failure || slot.dropped || abandoned_;
+    // Not checkFailed_: the verifier runs ahead, and the blocks before its
+    // failure are still written.
+    const bool skip = slot.failure || slot.dropped || writeFailed_;
     lock.unlock();
     if (!skip) {
       try {
@@ -167,7 +169,7 @@ void BlockWriter::Write() {
       }
     }
     lock.lock();
-    if (slot.failure) abandoned_ = true;
+    if (slot.failure) writeFailed_ = true;
     ++written_;
     changed_.notify_all();
   }

@@ -144,7 +144,10 @@ class BlockWriter {
   uint64_t verified_ = 0;
   uint64_t written_ = 0;
   uint64_t collected_ = 0;
-  bool abandoned_ = false;  // a block of this file failed
+  // A block of this file failed its check (set by the verifier, which runs
+  // ahead of the writer) or its write (set by the writer).
+  bool checkFailed_ = false;
+  bool writeFailed_ = false;
   bool stop_ = false;
   std::thread verifier_;  // last: started when everything above exists
   std::thread writer_;
