@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <sstream>
 #include <stdexcept>
 
@@ -25,22 +24,6 @@ using testing::WriteFile;
 
 constexpr std::string_view kLogKey = "Event Logging\\logfile";
 
-// Sets TZ for the life of the object and restores the previous zone.
-class ScopedTimeZone {
- public:
-  explicit ScopedTimeZone(const char* zone) : old_(std::getenv("TZ") ? std::getenv("TZ") : std::optional<std::string>()) {
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ScopedTimeZone() {
-    old_ ? setenv("TZ", old_->c_str(), 1) : unsetenv("TZ");
-    tzset();
-  }
-
- private:
-  std::optional<std::string> old_;
-};
-
 class AgentLogTest : public ::testing::Test {
  protected:
   AgentLogTest() {
@@ -61,23 +44,12 @@ class AgentLogTest : public ::testing::Test {
     return parsed.records;
   }
 
-  ScopedTimeZone zone_{"UTC0"};
   testing::TempDir dir_;
   std::shared_ptr<MemorySettingsStore> store_ = std::make_shared<MemorySettingsStore>();
   std::shared_ptr<testing::FakeClock> clock_ = std::make_shared<testing::FakeClock>();
   std::ostringstream console_, debug_;
   AgentLogOptions options_;
 };
-
-TEST(LogDateTest, LocalTimeWithZoneOffset) {
-  const std::pair<const char*, const char*> cases[] = {{"UTC0", "01/01/2026 00:00:00.1230000 +00:00"},
-                                                       {"<-0330>3:30", "12/31/2025 20:30:00.1230000 -03:30"},
-                                                       {"IST-5:30", "01/01/2026 05:30:00.1230000 +05:30"}};
-  for (const auto& [zoneName, expected] : cases) {
-    ScopedTimeZone zone(zoneName);
-    EXPECT_EQ(agent_log::FormatLogDate(*FromCivilUtc({2026, 1, 1, 0, 0, 0, 123})), expected) << zoneName;
-  }
-}
 
 TEST_F(AgentLogTest, MessageAndSourceSurviveTheRecord) {
   auto x = [](std::string_view piece, size_t times) {

@@ -29,9 +29,6 @@ TEST_F(LocalTransportTest, MissingFilesAndFoldersAndBadPathsAreTold) {
   EXPECT_EQ(CodeOf([&] { transport_->DownloadText(Stored("pkg/dirlisting.tavorin.xml")); }), result::kFileNotFound);
   EXPECT_EQ(CodeOf([&] { transport_->DownloadText(Stored("gone/dirlisting.tavorin.xml")); }), result::kPathNotFound);
   EXPECT_EQ(CodeOf([&] { transport_->DownloadText(Stored("pkg\\..\\pkg\\a.txt")); }), result::kInvalidArg);
-  EXPECT_EQ(CodeOf([&] { transport_->ListDirectory(Stored("missing"), true); }), result::kPathNotFound);
-  EXPECT_EQ(CodeOf([&] { transport_->ListDirectory("http://127.0.0.1/pkg/", true); }), result::kNotImplemented);
-  EXPECT_EQ(CodeOf([&] { transport_->ListDirectory("ftp://host/pkg", true); }), result::kInvalidProtocol);
   // A FIFO would hold the read forever: it is refused, never opened.
   ASSERT_EQ(::mkfifo((dir_ / "pkg" / "fifo").c_str(), 0600), 0);
   EXPECT_EQ(CodeOf([&] { transport_->DownloadText(Stored("pkg/fifo")); }), result::kInvalidArg);

@@ -1,8 +1,5 @@
-// pkgdlv download, run as a separate process: a request document becomes a
-// verified package in the work folder, a damaged block is repaired by
-// fetching only its file, the exit code tells a script how the package
-// ended, pkgdlv queue shows the live state meanwhile, and a run stopped with
-// Ctrl-C is resumed by the next.
+// pkgdlv download, run as a separate process: the package, its repair, the
+// exit codes, and a run stopped with Ctrl-C resumed by the next.
 #include <chrono>
 #include <thread>
 

@@ -1,6 +1,4 @@
-// pkgdlv fetch, run as a separate process against nginx on 127.0.0.1: a
-// folder completed and checked, its output forms, and a run ended by a
-// signal that a second run finishes without fetching much twice.
+// pkgdlv fetch, run as a separate process against nginx on 127.0.0.1.
 #include <chrono>
 #include <random>
 #include <thread>
@@ -37,15 +35,6 @@ TEST_F(FetchCliTest, CompletesTheFolderThenFindsNothingToDo) {
             std::make_tuple("end", 0, 4, 3 * 4096 + 500 - 4096 + 7, 5));
   EXPECT_EQ(ReadFile(dir_ / "to" / "big.bin"), big);
   EXPECT_EQ(ReadFile(dir_ / "to" / "docs" / "readme.txt"), "read me");
-
-  // A folder source this time; nothing is missing, and off a terminal only
-  // the outcome is printed.
-  ToolResult again = Run(fetch + Quote(dir_ / "to") + " --source " + Quote(dir_ / "pkg"));
-  EXPECT_EQ(std::make_tuple(again.exit_code, again.out, again.err),
-            std::make_tuple(0, "0 blocks fetched, 0 bytes at 0 bytes per second; 5/5 blocks present\n", ""));
-
-  const std::string missing = Fails(fetch + Quote(dir_ / "elsewhere") + " --source " + nginx.Url("/nothing"));
-  EXPECT_TRUE(missing.starts_with("pkgdlv: HTTP status 404 from ") && missing.ends_with("(0x80042D21)\n")) << missing;
 }
 
 // Eight files of 8 MiB in 1 MiB blocks. The first run is stopped after a

@@ -1,5 +1,4 @@
-// pkgdlv queue and pkgdlv history over a work folder and a package log
-// written by the test.
+// pkgdlv queue over a work folder written by the test.
 #include <map>
 
 #include "cli_test_support.h"
@@ -58,24 +57,6 @@ TEST_F(QueueCliTest, ListsUnfinishedPackagesInDownloadOrderAndWritesNothing) {
             std::make_tuple(10, 900, "pending"));
   EXPECT_EQ(Contents(work), before);
   EXPECT_EQ(Contents(dir_ / "foreign"), foreignBefore);
-}
-
-using HistoryCliTest = CliTest;
-
-TEST_F(HistoryCliTest, PrintsTotalsAndCyclesOrFailsWithTheReason) {
-  WriteFile(dir_ / "pkg" / "log.xml",
-            R"(<Log id="{X}" attempts="3" successes="1" transferBytes="10"><History>)"
-            R"(<Download version="2" status="retrying" statusDescr="Server is busy" transferBytes="4">)"
-            R"(<Session startTime="2026-03-01 09:00:03" source="http://ps/x" result="-2147213300"/></Download>)"
-            R"(</History></Log>)");
-  nlohmann::json out = nlohmann::json::parse(Ok("history --json " + Quote(dir_ / "pkg")));
-  EXPECT_EQ(out["failures"], 2);
-  EXPECT_EQ(out["history"][0]["result"], "0x8004200C");
-  EXPECT_EQ(out["history"][0]["statusDescr"], "Server is busy");
-
-  WriteFile(dir_ / "bad" / "log.xml", "<PackageLog id=\"{X}\"/>");
-  EXPECT_NE(Fails("history " + Quote(dir_ / "bad")).find("Error loading log: Invalid XML: Incorrect root element"),
-            std::string::npos);
 }
 
 }  // namespace

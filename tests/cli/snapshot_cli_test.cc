@@ -47,21 +47,6 @@ TEST_P(SignedSnapshotCliTest, CreateSignedThenVerifyThenTamper) {
 
 INSTANTIATE_TEST_SUITE_P(Keys, SignedSnapshotCliTest, ::testing::Values("RSA", "EC"));
 
-TEST_F(SnapshotCliTest, ShowGivesTotalsAndLeavesOutItsOwnDocuments) {
-  // Created twice into the package folder itself: the second run must not list
-  // the first run's snapshot.xml or the package.xml beside it.
-  for (int run = 0; run < 2; ++run) Ok("snapshot create " + Quote(dir_ / "pkg") + " --id " + kId + " --version 2");
-  EXPECT_FALSE(fs::exists(dir_ / "pkg" / "snapdata.xml"));  // nothing signed it
-  nlohmann::json doc = nlohmann::json::parse(Ok("snapshot show " + Quote(dir_ / "pkg" / "snapshot.xml") + " --json"));
-  EXPECT_EQ(std::make_tuple(doc["id"], doc["version"], doc["blockSize"], doc["blockHashesComplete"], doc["totals"]),
-            std::make_tuple(kId, 2, 2097152, true,
-                            nlohmann::json::parse(
-                                R"({"files": 3, "folders": 2, "size": 5000004, "blocks": 4, "sizeUnknown": false})")));
-  std::vector<std::string> paths;
-  for (const auto& file : doc["files"]) paths.push_back(file["path"]);
-  EXPECT_EQ(paths, (std::vector<std::string>{"setup.bin", "docs\\empty", "docs\\readme.txt"}));
-}
-
 // A name that would leave the package is refused with the reason; names that
 // would hide or reorder text are escaped in text and kept in JSON.
 TEST_F(SnapshotCliTest, HostileNamesAreRefusedOrEscaped) {

@@ -20,7 +20,6 @@ TEST_F(SourcesCliTest, PrintsTheAnswerOrTheFailure) {
   EXPECT_EQ(nlohmann::json::parse(Ok(info + kPackage + " --json"))["answer"], sources);
   EXPECT_EQ(Fails("sources --server " + server.Url("/busy.aspx") + kPackage),
             "pkgdlv: WARNING: The server is currently busy (0x8004200C)\n");
-  EXPECT_EQ(Fails(info + " --package nope"), "pkgdlv: 'nope' is not a package identifier\n");
 }
 
 TEST_F(SourcesCliTest, SnapshotFetchWritesBothDocuments) {
@@ -38,15 +37,11 @@ TEST_F(SourcesCliTest, SnapshotFetchWritesBothDocuments) {
   EXPECT_EQ(ReadFile(dir_ / "url" / "snapshot.xml"), document) << "kept byte for byte";
   EXPECT_NE(ReadFile(dir_ / "url" / "snapdata.xml").find("signature=\"c2ln\""), std::string::npos);
 
-  // The source folder as a path, a path relative to the current folder, and a file: URL.
+  // The source folder as a file: URL.
   std::string url = "file://" + source.string();
   url.replace(url.find(' '), 1, "%20");
-  int n = 0;
-  for (const std::string& form : {source.string(), fs::relative(source).string(), url}) {
-    const fs::path written = dir_ / std::to_string(++n);
-    EXPECT_NE(Ok(fetch + Quote(written) + " --dir '" + form + "'").find("2 files, unsigned"), std::string::npos);
-    EXPECT_NE(ReadFile(written / "snapshot.xml").find("<File name=\"b.txt\" size=\"4\""), std::string::npos);
-  }
+  EXPECT_NE(Ok(fetch + Quote(dir_ / "dir") + " --dir '" + url + "'").find("2 files, unsigned"), std::string::npos);
+  EXPECT_NE(ReadFile(dir_ / "dir" / "snapshot.xml").find("<File name=\"b.txt\" size=\"4\""), std::string::npos);
   EXPECT_TRUE(Fails(fetch + Quote(dir_ / "none") + " --url " + server.Url("/none/snapshot.xml"))
                   .ends_with("(0x80042D21)\n"));
 }

@@ -67,7 +67,6 @@ TEST_F(DownloadQueueTest, InsertKeepsTheOrderingRule) {
       {"higher priority first", {{1, -10}, {2, 0}}, {2, 1}},
       {"less backed off first", {{1, 0, 6 * kMinute}, {2, 0, 3 * kMinute}}, {2, 1}},
       {"smaller first", {{1, 0, 0, 500}, {2, 0, 0, 100}}, {2, 1}},
-      {"delay before size", {{1, 0, 3 * kMinute, 1}, {2, 0, 0, 1000}}, {2, 1}},
       {"priority before delay and size", {{1, 0, 0, 1}, {2, 10, 120 * kMinute, 9999}}, {2, 1}},
       {"equal keys first come first served", {{1, 0, 0, 7}, {2, 0, 0, 7}, {3, 0, 0, 7}}, {1, 2, 3}},
       {"waiting appended whatever its priority", {{1}, {2, 100, 0, 0, true}, {3, -10}}, {1, 3, 2}},
@@ -107,8 +106,6 @@ TEST_F(DownloadQueueTest, SuccessiveFailuresBackOff) {
       {"defaults double up to two hours", 3, 120, false, 0, false,
        {3 * kMinute, 6 * kMinute, 12 * kMinute, 24 * kMinute, 48 * kMinute, 96 * kMinute, 120 * kMinute,
         120 * kMinute}},
-      {"settings change base and cap", 10, 30, false, 0, false,
-       {10 * kMinute, 20 * kMinute, 30 * kMinute, 30 * kMinute}},
       {"urgent uses the urgent base and the caller's cap", 3, 120, true, 100'000,
        false, {22'500, 45'000, 90'000, 100'000, 100'000}},
       {"a peer download waits a fixed delay", 3, 120, false, 0, true, {45'000, 45'000, 45'000}},
@@ -159,34 +156,22 @@ TEST_F(DownloadQueueTest, AttemptTimeLimitGivesUp) {
   EXPECT_TRUE(Fail(IdOf(1), /*progress=*/true));
 }
 
-TEST_F(DownloadQueueTest, AnUnreadablePeerConfigurationFailsTheRetry) {
-  const struct {
-    const char* name;
-    bool failAttach;
-    uint32_t structureSize;
-    std::string description;  // empty: no failure
-  } cases[] = {{"cannot attach", true, 56, "Can't attach to the configuration"},
-               {"short structure", false, 55, "Invalid structure size received"},
-               {"full structure", false, 56, ""}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    testing::FakePeerConfigurationSource peer;
-    PeerConfiguration config;
-    config.structureSize = c.structureSize;
-    config.retryDelaySeconds = 90;
-    peer.Set(config);
-    peer.FailAttach(c.failAttach);
-    queue_.Clear();
-    queue_.SetPriority(IdOf(1), 0, 1000);
-    try {
-      EXPECT_TRUE(Fail(IdOf(1), false, false, 0, &peer));
-      EXPECT_EQ(std::make_tuple(c.description, RetryDelayOf(IdOf(1))), std::make_tuple(std::string(), 90'000));
-    } catch (const Error& error) {
-      EXPECT_EQ(std::make_tuple(error.code(), error.description()), std::make_tuple(Result{0x80070FDF}, c.description));
-      EXPECT_FALSE(queue_.IsRetryPending(IdOf(1)));
-    }
-    EXPECT_EQ(peer.Readers(), std::vector<std::string>{"DownloadQueue"});
+// A peer configuration shorter than its structure is refused, not read.
+TEST_F(DownloadQueueTest, AShortPeerConfigurationFailsTheRetry) {
+  testing::FakePeerConfigurationSource peer;
+  PeerConfiguration config;
+  config.structureSize = 55;
+  peer.Set(config);
+  queue_.SetPriority(IdOf(1), 0, 1000);
+  try {
+    Fail(IdOf(1), false, false, 0, &peer);
+    ADD_FAILURE() << "the retry was planned";
+  } catch (const Error& error) {
+    EXPECT_EQ(std::make_tuple(error.code(), error.description()),
+              std::make_tuple(Result{0x80070FDF}, "Invalid structure size received"));
   }
+  EXPECT_FALSE(queue_.IsRetryPending(IdOf(1)));
+  EXPECT_EQ(peer.Readers(), std::vector<std::string>{"DownloadQueue"});
 }
 
 }  // namespace

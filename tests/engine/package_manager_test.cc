@@ -239,9 +239,6 @@ INSTANTIATE_TEST_SUITE_P(
                       EndCase{"NotToBeRetried", {}, false, true, 0, {PKGDLV_INVALID, "Transfer failed"}, false},
                       EndCase{"AttemptsUsedUp", {}, false, false, 1, {PKGDLV_INVALID, "Transfer failed"}, false},
                       EndCase{"CancelledThenPreempted", {2, 1}, false, false, 0, {PKGDLV_INVALID, kCancelled}, false},
-                      EndCase{"CancelledThenSuspended", {2, 3}, false, false, 0, {PKGDLV_INVALID, kCancelled}, false},
-                      EndCase{"CancelledThenStopped", {2}, true, false, 0, {PKGDLV_INVALID, kCancelled}, false},
-                      EndCase{"PreemptedThenCancelled", {1, 2}, false, false, 0, {PKGDLV_INVALID, kCancelled}, false},
                       EndCase{"SuspendedThenPreempted", {3, 1}, false, false, 0, {PKGDLV_PENDING, kSuspended}, true}),
     [](const auto& info) { return std::string(info.param.name); });
 
@@ -258,7 +255,7 @@ TEST_F(PackageManagerTest, DecryptFailuresInARowResetTheClientIdentity) {
     ASSERT_TRUE(downloader_->AwaitAttempts(i));
     clock_->AwaitTimedWaiters(1);
     counts.push_back(engine_->DecryptFailureCount());
-    engine_->OnNetworkStateChanged(0x2);
+    i % 2 ? engine_->OnNetworkStateChanged(0x2) : engine_->OnServerStateChanged(0x8);  // either releases the wait
   }
   EXPECT_EQ(counts, (std::vector<uint32_t>{1, 0, 1, 2, 0}));
   EXPECT_EQ(client_->resets.load(), 1);
@@ -331,8 +328,7 @@ TEST_F(PackageManagerTest, ARunLoopFailureFlushesTheQueueButKeepsEveryRequestOnD
 }
 
 // The client's events reach the multicast engine; an unregistered or blocked
-// client downloads nothing, and the end of a blockout wakes the thread, which
-// waits without a time-out while downloads are blocked.
+// client downloads nothing, and the end of a blockout wakes the thread.
 TEST_F(PackageManagerTest, ClientStateAndEventsGovernDownloadsAndReachTheMulticastEngine) {
   auto core = std::make_shared<testing::FakeMulticastCore>();
   services_.multicast_core = core;
@@ -379,33 +375,8 @@ TEST_F(PackageManagerTest, AClientThatChangesDuringTheWaitIsJudgedAgain) {
   EXPECT_EQ(downloader_->Attempts().size(), 1u);
 }
 
-TEST_F(PackageManagerTest, OnlyTheLowFourStateBitsReleaseWaitingPackages) {
-  const struct {
-    void (PackageManager::*handler)(uint32_t);
-    uint32_t state;
-    bool releases;
-  } cases[] = {
-      {&PackageManager::OnNetworkStateChanged, 0x4, true},
-      {&PackageManager::OnNetworkStateChanged, 0x10, false},
-      {&PackageManager::OnServerStateChanged, 0x8, true},
-      {&PackageManager::OnServerStateChanged, 0x100, false},
-  };
-  downloader_->SetDefault(Failure());
-  Queue(IdOf(1));
-  RunNextAttempt();
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.state);
-    ASSERT_TRUE(engine_->queue().IsRetryPending(IdOf(1)));
-    (engine_.get()->*c.handler)(c.state);
-    EXPECT_EQ(engine_->queue().IsRetryPending(IdOf(1)), !c.releases);
-    if (c.releases) RunNextAttempt();  // fails again: waiting once more
-  }
-  EXPECT_TRUE(log_->Contains("QS server state changed to 0x00000008, retry downloads if needed"));
-}
-
-// What queuing decides about a resumed record reaches its document, even when
-// the status stays the same: the record is let go and read again before it is
-// downloaded.
+// What queuing decides about a resumed record reaches its document, which is
+// read again before the download.
 TEST_F(PackageManagerTest, QueuingAResumedUrgentPackageKeepsItsDeadlineStart) {
   WritePackage(IdOf(1), Format("<Package id=\"%ls\" name=\"p\" version=\"1\" status=\"pending\" "
                                "urgentDownload=\"true\" downloadStartSLA=\"60\"><Source/></Package>",

@@ -59,42 +59,12 @@ class ServerSelectionTest : public ::testing::Test {
   std::vector<std::string> bad_;
 };
 
-TEST(ServerOfTest, TakesTheHostOfEveryLocationForm) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"http://ps1:8080/Pkg/x", "ps1"}, {"https://user:pw@ps2/x?y", "ps2"}, {"\\\\srv\\share\\p", "srv"},
-      {"\\\\\\C:\\pkgs\\p", "THIS"},    {"http://[::1]:81/x", "[::1]"},     {"relative\\path", "THIS"},
-  };
-  for (const auto& [location, server] : cases) EXPECT_EQ(ServerOf(location, "THIS"), server) << location;
-}
-
 TEST_F(ServerSelectionTest, SourcesOnThisComputerWinAndTheSpeedComesFromTheProfile) {
   ServerSelection chosen = Choose({Source("http://fast/a"), Source("\\\\this\\share\\b")});
   EXPECT_EQ(std::make_tuple(chosen.location, chosen.value, chosen.speed),
             std::make_tuple("\\\\this\\share\\b", 1u, ServerSelector::kDefaultSpeed));
   tried_.clear();
   EXPECT_EQ(Choose({Source("http://fast/a")}).speed, 90000u);
-}
-
-// The profile counts what the transport records, the URLs it used; the
-// selection ranks servers by their host.
-TEST(ServerSelectionProfileTest, ErrorsRecordedByTheTransportMoveTheChoice) {
-  testing::RecordingLogger log;
-  auto profile = NewMemoryServerProfile();
-  Event stop;
-  ServerSelector selector(log, *profile, "THIS", stop);
-  const std::vector<CodebaseEntry> sources = {Source("http://s0:8080/pkg"), Source("http://s1/pkg")};
-  const std::vector<std::string> servers = {"s0", "s1"};
-  auto choose = [&] {
-    ServerSelection chosen;
-    std::vector<CodebaseEntry> tried;
-    std::vector<std::string> bad;
-    EXPECT_TRUE(selector.SelectServer(servers, sources, chosen, bad, tried, {}, false));
-    return chosen.location;
-  };
-  EXPECT_EQ(choose(), "http://s0:8080/pkg");
-  for (int i = 0; i < 5; ++i) profile->AddError("http://user@S0:8080/pkg/snapshot.xml?Resource=r&compress=1");
-  EXPECT_EQ(choose(), "http://s1/pkg");
-  EXPECT_EQ(profile->ErrorCount("s0"), 5u);
 }
 
 TEST_F(ServerSelectionTest, AServerWithEveryRecordTriedBecomesBadAndTheTriedListEmpties) {

@@ -33,10 +33,8 @@ TEST_F(MulticastSettingsTest, ReadingClampsWhatIsStoredAndWritesOnlyTheInactiveT
   } cases[] = {
       {"Port", -1, &MulticastSettings::Port, 52030},
       {"Max Master sessions per client", 0, &MulticastSettings::MaxMastersPerClient, 1},
-      {"Min Bandwidth (bytes per sec)", 2000, &MulticastSettings::MinBandwidth, 2000},
       {"Min Bandwidth (bytes per sec)", -4, &MulticastSettings::MinBandwidth, 0},
       {"Master session inactive time (min)", 1, &MulticastSettings::MasterSessionInactiveMinutes, 5},
-      {"Master session inactive time (min)", 20000, &MulticastSettings::MasterSessionInactiveMinutes, 10080},
   };
   for (const auto& c : cases) {
     store_.Set(kMulticastSettingsKey, c.name, SettingValue::Number(static_cast<uint32_t>(c.stored)));

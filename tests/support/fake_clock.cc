@@ -49,18 +49,16 @@ void FakeClock::SetNow(FileTime now) {
   now_ = now;
 }
 
-size_t FakeClock::TimedWaiters() {
-  std::lock_guard lock(mutex_);
-  return timers_.size();
-}
-
 bool FakeClock::AwaitTimedWaiters(size_t n, uint32_t real_timeout_ms) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(real_timeout_ms);
-  while (TimedWaiters() < n) {
+  for (;;) {
+    {
+      std::lock_guard lock(mutex_);
+      if (timers_.size() >= n) return true;
+    }
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  return true;
 }
 
 uint64_t FakeClock::EarliestDeadline() {

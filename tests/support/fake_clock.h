@@ -21,8 +21,6 @@ class FakeClock final : public Clock {
 
   void Advance(uint64_t ms);
   void SetNow(FileTime now);
-  // Number of threads blocked in a timed WaitAny right now.
-  size_t TimedWaiters();
   // Waits (in real time, at most real_timeout_ms) until at least n threads
   // are blocked in a timed WaitAny; true when they are.
   bool AwaitTimedWaiters(size_t n, uint32_t real_timeout_ms = 5000);

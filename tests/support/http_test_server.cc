@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -27,14 +28,13 @@ struct Route {
 // "bytes=a-b" or "bytes=a-": one range, clipped to size; nullopt when absent
 // or not of that form.
 std::optional<std::pair<uint64_t, uint64_t>> ParseRange(const std::string& header, uint64_t size) {
-  if (!header.starts_with("bytes=") || header.find(',') != std::string::npos) return std::nullopt;
-  std::string spec = header.substr(6);
-  size_t dash = spec.find('-');
-  if (dash == std::string::npos || dash == 0) return std::nullopt;
-  auto first = ParseUInt64(spec.substr(0, dash));
-  auto last = dash + 1 == spec.size() ? std::optional<uint64_t>(UINT64_MAX) : ParseUInt64(spec.substr(dash + 1));
-  if (!first || !last || *last < *first) return std::nullopt;
-  return std::make_pair(*first, std::min(*last, size == 0 ? 0 : size - 1));
+  unsigned long long first = 0, last = UINT64_MAX;
+  int end = 0;
+  if (std::sscanf(header.c_str(), "bytes=%llu-%n%llu%n", &first, &end, &last, &end) < 1 ||
+      static_cast<size_t>(end) != header.size() || last < first) {
+    return std::nullopt;
+  }
+  return std::make_pair(uint64_t{first}, std::min<uint64_t>(last, size == 0 ? 0 : size - 1));
 }
 
 // The parameters of a raw query, in order (the server's own parsing keeps
@@ -82,9 +82,8 @@ struct HttpTestServer::State {
 };
 
 void HttpTestServer::State::Handle(const httplib::Request& request, httplib::Response& response) {
-  Route route;
+  std::optional<Route> route;
   HttpFault fault;
-  bool found = false;
   {
     std::lock_guard lock(mutex);
     RecordedRequest recorded{request.method, request.path, request.body, {}, {}, {}};
@@ -94,10 +93,7 @@ void HttpTestServer::State::Handle(const httplib::Request& request, httplib::Res
       recorded.params = SplitQuery(request.target.substr(mark + 1));
     }
     requests.push_back(std::move(recorded));
-    if (auto it = routes.find(request.path); it != routes.end()) {
-      route = it->second;
-      found = true;
-    }
+    if (auto it = routes.find(request.path); it != routes.end()) route = it->second;
     if (auto it = faults.find(request.path); it != faults.end()) fault = it->second;
   }
   if (fault.requireAuth && !request.has_header("Authorization")) {
@@ -112,17 +108,15 @@ void HttpTestServer::State::Handle(const httplib::Request& request, httplib::Res
     response.set_content("fault", "text/plain");
     return;
   }
-  if (!found) {
+  if (!route) {
     response.status = 404;
     response.set_content("not found", "text/plain");
-    return;
+  } else if (!route->body) {
+    response.set_redirect(route->target, route->status);
+  } else {
+    for (const auto& [name, value] : route->headers) response.set_header(name, value);
+    ServeBody(request, response, *route, fault);
   }
-  if (!route.body) {
-    response.set_redirect(route.target, route.status);
-    return;
-  }
-  for (const auto& [name, value] : route.headers) response.set_header(name, value);
-  ServeBody(request, response, route, fault);
 }
 
 void HttpTestServer::State::ServeBody(const httplib::Request& request, httplib::Response& response,

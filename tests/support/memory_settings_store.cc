@@ -12,7 +12,6 @@ bool MemorySettingsStore::KeyLess::operator()(const std::pair<std::string, std::
 }
 
 std::optional<SettingValue> MemorySettingsStore::Get(std::string_view key, std::string_view name) {
-  ++get_count_;
   std::lock_guard lock(mutex_);
   auto it = values_.find({std::string(key), std::string(name)});
   if (it == values_.end()) return std::nullopt;

@@ -24,8 +24,6 @@ class MemorySettingsStore final : public SettingsStore {
 
   // While set, Set and Delete throw and change nothing.
   void FailWrites(bool fail) { fail_writes_ = fail; }
-  // Number of Get calls so far: lets a test see whether a reader used its cache.
-  uint64_t GetCount() const { return get_count_; }
   // Number of successful Set and Delete calls so far.
   uint64_t WriteCount() const { return write_count_; }
 
@@ -39,7 +37,6 @@ class MemorySettingsStore final : public SettingsStore {
   std::map<std::pair<std::string, std::string>, SettingValue, KeyLess> values_;
   uint64_t change_counter_ = 0;
   std::atomic<bool> fail_writes_ = false;
-  std::atomic<uint64_t> get_count_ = 0;
   std::atomic<uint64_t> write_count_ = 0;
 };
 

@@ -10,7 +10,6 @@ struct ScriptedTransportFactory::Script {
   mutable std::mutex mutex;
   RangeAnswer answer;
   std::vector<RangeCall> calls;
-  std::vector<ConnectionOptions> options;
 };
 
 namespace {
@@ -56,10 +55,7 @@ class ScriptedTransport final : public NetworkTransport {
   std::vector<DirectoryEntry> ListDirectory(std::string_view, bool) override { NotOffered(); }
   void SetCredentials(std::string_view, std::string_view) override {}
 
-  void SetConnectionOptions(const ConnectionOptions& options) override {
-    std::lock_guard lock(script_->mutex);
-    script_->options.push_back(options);
-  }
+  void SetConnectionOptions(const ConnectionOptions&) override {}
 
   void Reset() override {
     aborted_ = false;
@@ -97,19 +93,9 @@ std::unique_ptr<NetworkTransport> ScriptedTransportFactory::Create() {
   return std::make_unique<ScriptedTransport>(script_);
 }
 
-void ScriptedTransportFactory::SetAnswer(RangeAnswer answer) {
-  std::lock_guard lock(script_->mutex);
-  script_->answer = std::move(answer);
-}
-
 std::vector<RangeCall> ScriptedTransportFactory::Calls() const {
   std::lock_guard lock(script_->mutex);
   return script_->calls;
-}
-
-std::vector<ConnectionOptions> ScriptedTransportFactory::OptionsSet() const {
-  std::lock_guard lock(script_->mutex);
-  return script_->options;
 }
 
 }  // namespace pkgdlv::testing

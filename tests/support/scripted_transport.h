@@ -1,8 +1,7 @@
 // A network transport whose byte ranges a test scripts: each range request
 // goes to a function that fills the buffer or throws the Error a real
 // transport would (a peer's "not ready", a failed transfer). It records the
-// requests and the connection options it was given; abort and the
-// cancellation event behave as the real transport's do. Whole-body
+// requests; abort and the cancellation event behave as the real transport's do. Whole-body
 // downloads and listings are not offered (0x80004001).
 //
 // The factory and every transport it makes share one script; any thread may
@@ -36,9 +35,7 @@ class ScriptedTransportFactory final : public NetworkTransportFactory {
   explicit ScriptedTransportFactory(RangeAnswer answer);
   std::unique_ptr<NetworkTransport> Create() override;
 
-  void SetAnswer(RangeAnswer answer);
   std::vector<RangeCall> Calls() const;
-  std::vector<ConnectionOptions> OptionsSet() const;
 
   struct Script;
 

@@ -28,11 +28,10 @@ sockaddr_in Loopback(int port) {
 }
 
 bool Accepts(int port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0) return false;
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address = Loopback(port);
-  bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-  ::close(fd);
+  const bool ok = fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+  if (fd >= 0) ::close(fd);
   return ok;
 }
 
@@ -95,16 +94,12 @@ ServerProcess::~ServerProcess() {
   if (pid_ <= 0) return;
   ::kill(-pid_, SIGTERM);
   int status = 0;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (::waitpid(pid_, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      ::kill(-pid_, SIGKILL);
-      ::waitpid(pid_, &status, 0);
-      break;
-    }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (::waitpid(pid_, &status, WNOHANG) == 0 && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  ::kill(-pid_, SIGKILL);  // children that outlived the parent
+  ::kill(-pid_, SIGKILL);  // what outlived five seconds, and children that outlived the parent
+  ::waitpid(pid_, &status, 0);
 }
 
 }  // namespace pkgdlv::testing

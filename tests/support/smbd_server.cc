@@ -10,12 +10,6 @@
 namespace pkgdlv::testing {
 namespace {
 
-std::string AccountName() {
-  const passwd* entry = ::getpwuid(::geteuid());
-  if (!entry) throw std::runtime_error("no name for the account running the test");
-  return entry->pw_name;
-}
-
 std::string Configuration(const std::filesystem::path& dir, int port, const std::vector<SmbdServer::Share>& shares,
                           const std::string& account) {
   std::string d = dir.string();
@@ -68,7 +62,9 @@ SmbdServer::SmbdServer(std::vector<Share> shares, std::optional<User> user) {
   if (::access(kBinary, X_OK) != 0) throw std::runtime_error(std::string(kBinary) + " is not installed");
   port_ = FreeLocalPort();
   const std::filesystem::path conf = dir_ / "smb.conf";
-  const std::string account = AccountName();
+  const passwd* entry = ::getpwuid(::geteuid());
+  if (!entry) throw std::runtime_error("no name for the account running the test");
+  const std::string account = entry->pw_name;
   WriteFile(conf, Configuration(dir_.path(), port_, shares, account));
   WriteFile(dir_ / "users.map", user ? account + " = " + user->name + "\n" : std::string());
   if (user) AddUser(conf, account, user->password, dir_ / "smbpasswd.log");

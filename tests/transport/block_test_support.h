@@ -2,7 +2,7 @@
 // source folder, its snapshot (4096-byte blocks, so a few kilobytes make
 // several blocks) loaded from the composed document as the engine holds it,
 // and an empty target folder; and a runner that computes the update list as
-// the engine does and runs one attempt, recording events and stored maps.
+// the engine does and runs one attempt, recording the last file's end and stored maps.
 #pragma once
 
 #include <filesystem>
@@ -80,31 +80,24 @@ class BlockPackage {
   Files files_;
 };
 
-// Events as text: "begin <name>", "transfer <name>", "progress <done>/<size>"
-// (of the file), "end <name> <result>"; names are the target's file names.
+// Keeps the end of the last file as "end <name> <result>" (the target's file name).
 class EventLog final : public DownloadEvents {
  public:
-  void OnBeginFile(const Guid&, const std::string& path) override { Add("begin " + Name(path)); }
-  void OnBeginTransfer(const Guid&, const std::string& path) override { Add("transfer " + Name(path)); }
-  void OnProgress(const Guid&, uint64_t, uint64_t, uint64_t fileSize, uint64_t fileDone) override {
-    Add(Format("progress %I64u/%I64u", fileDone, fileSize));
-  }
+  void OnBeginFile(const Guid&, const std::string&) override {}
+  void OnBeginTransfer(const Guid&, const std::string&) override {}
+  void OnProgress(const Guid&, uint64_t, uint64_t, uint64_t, uint64_t) override {}
   void OnEndFile(const Guid&, const std::string& path, int32_t result) override {
-    Add(Format("end %ls 0x%08X", Name(path), result));
-  }
-  std::vector<std::string> Take() {
     std::lock_guard lock(mutex_);
-    return std::exchange(events_, {});
+    lastEnd_ = Format("end %ls 0x%08X", std::filesystem::path(path).filename().string(), result);
+  }
+  std::string LastEnd() {
+    std::lock_guard lock(mutex_);
+    return lastEnd_;
   }
 
  private:
-  static std::string Name(const std::string& path) { return std::filesystem::path(path).filename().string(); }
-  void Add(std::string event) {
-    std::lock_guard lock(mutex_);
-    events_.push_back(std::move(event));
-  }
   std::mutex mutex_;
-  std::vector<std::string> events_;
+  std::string lastEnd_;
 };
 
 class AttemptRunner {

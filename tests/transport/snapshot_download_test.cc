@@ -121,9 +121,7 @@ TEST_F(NginxSnapshotTest, SnapshotUrls) {
     Snapshot snapshot;
     EXPECT_EQ(Fetch(query, snapshot, download), c.code == 0);
     EXPECT_EQ(download.LastResult(), c.code) << download.LastDescription();
-    if (!c.description.empty()) {
-      EXPECT_EQ(download.LastDescription(), c.description);
-    }
+    EXPECT_EQ(c.description.empty() ? c.description : download.LastDescription(), c.description);
     EXPECT_EQ(env_.services.server_profile->ErrorCount(query.snapshotUrl), c.profileErrors);
     if (c.code != 0) continue;
     EXPECT_EQ(snapshot.signature, c.signature);
