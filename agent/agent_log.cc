@@ -77,12 +77,16 @@ class AgentLog final : public Logger {
   }
 
   // The settings are read again when the cache interval has passed on the
-  // clock or when a write to the store moved its change counter.
+  // clock or when a write to the store moved its change counter. The counter
+  // is a query of the store, so it is asked at most every kCounterPollMs: a
+  // loop that logs a line per block must not query the store per line.
   LogFileSettings CurrentSettings() {
     std::lock_guard lock(settings_mutex_);
     const uint64_t now = clock_->TickCount();
-    std::optional<uint64_t> counter = ReadChangeCounter();
     const bool expired = !settings_read_tick_ || now - *settings_read_tick_ >= options_.settings_cache_ms;
+    if (!expired && counter_read_tick_ && now - *counter_read_tick_ < kCounterPollMs) return settings_;
+    counter_read_tick_ = now;
+    std::optional<uint64_t> counter = ReadChangeCounter();
     if (expired || (counter && counter != settings_counter_)) {
       settings_read_tick_ = now;
       settings_counter_ = counter;
@@ -163,7 +167,9 @@ class AgentLog final : public Logger {
 
   std::mutex settings_mutex_;
   LogFileSettings settings_;
+  static constexpr uint64_t kCounterPollMs = 250;
   std::optional<uint64_t> settings_read_tick_;
+  std::optional<uint64_t> counter_read_tick_;
   std::optional<uint64_t> settings_counter_;
 
   std::mutex stream_mutex_;  // console and debug output

@@ -109,6 +109,23 @@ TEST_F(AgentLogTest, ConsoleAndDebugOutputCopies) {
   EXPECT_EQ(console_.str().find_first_of("\x1b\x07"), std::string::npos) << console_.str();
 }
 
+// A change in the store takes effect once the change counter is looked at
+// again (at most every 250 ms), without waiting for the cache to expire.
+TEST_F(AgentLogTest, AChangedSeverityTakesEffectAtTheNextCounterPoll) {
+  SetNumber("Severity", 1);  // errors only
+  std::shared_ptr<Logger> log = NewLog();
+  auto consoleAfterInfo = [&] {
+    console_.str("");
+    log->Log(kInfo | kConsole, "MulticastEngine", "joined");
+    return !console_.str().empty();
+  };
+  EXPECT_FALSE(consoleAfterInfo());
+  SetNumber("Severity", 0xFF);
+  EXPECT_FALSE(consoleAfterInfo()) << "the counter was looked at less than 250 ms ago";
+  clock_->Advance(250);
+  EXPECT_TRUE(consoleAfterInfo());
+}
+
 TEST_F(AgentLogTest, RolloverRemovesTheOldestOtherFileAndRenamesToTheFirstFreeNumber) {
   struct Case {
     uint32_t maxSize, maxFiles;
