@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "agent/crypto.h"
+#include "agent/server_profile.h"
 #include "support/fake_clock.h"
 #include "support/recording_logger.h"
 #include "util/error.h"
@@ -74,6 +75,27 @@ TEST_F(ServerSelectionTest, AServerWithEveryRecordTriedBecomesBadAndTheTriedList
   EXPECT_EQ(std::make_tuple(bad_, tried_.size()), std::make_tuple(std::vector<std::string>{"s0"}, size_t{1}));
   EXPECT_EQ(FailureOf(sources), 0x80004005u);
   EXPECT_EQ(bad_, (std::vector<std::string>{"s0", "s1"}));
+}
+
+// The profile counts what the transport records, the URLs it used; the
+// selection ranks servers by their host.
+TEST(ServerSelectionProfileTest, ErrorsRecordedByTheTransportMoveTheChoice) {
+  auto log = std::make_shared<testing::RecordingLogger>();
+  auto profile = NewMemoryServerProfile();
+  Event stop;
+  ServerSelector selector(*log, *profile, "THIS", stop);
+  const std::vector<CodebaseEntry> sources = {Source("http://s0:8080/pkg"), Source("http://s1/pkg")};
+  auto choose = [&] {
+    ServerSelection chosen;
+    std::vector<CodebaseEntry> tried;
+    std::vector<std::string> bad;
+    EXPECT_TRUE(selector.SelectServer({"s0", "s1"}, sources, chosen, bad, tried, {}, false));
+    return chosen.location;
+  };
+  EXPECT_EQ(choose(), "http://s0:8080/pkg");
+  for (int i = 0; i < 5; ++i) profile->AddError("http://user@S0:8080/pkg/snapshot.xml?Resource=r&compress=1");
+  EXPECT_EQ(choose(), "http://s1/pkg");
+  EXPECT_EQ(profile->ErrorCount("s0"), 5u);
 }
 
 }  // namespace

@@ -164,6 +164,13 @@ TEST_F(WorkFolderTest, RelocationMovesEveryPackageFollowsHeldRecordsAndResumesFr
                             engine.queue().Contains(IdOf(3))),
             std::make_tuple(true, false, true));
 
+  // The same folder again is only checked; the same name in other letters
+  // is another folder on this file system, and the packages move there.
+  EXPECT_EQ(engine.RelocateWorkFolder(moved).flags, PKGDLV_RELOCATE_SUCCESS);
+  EXPECT_TRUE(log_->Contains("Validating work folder integrity..."));
+  const fs::path otherCase = dir_ / "elsewhere" / "Store";
+  EXPECT_EQ(engine.RelocateWorkFolder(otherCase).flags, PKGDLV_RELOCATE_SUCCESS);
+  EXPECT_EQ(std::tuple(Payload(otherCase, IdOf(1)), engine.store().workFolder()), std::tuple("123456789", otherCase));
 }
 
 // What stands in the way of a move; every case must leave all packages

@@ -3,10 +3,13 @@
 // answers with their integrity check and the back-off after busy answers.
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "agent/crypto.h"
 #include "agent/response_decryptor.h"
 #include "agent/server_profile.h"
 #include "agent/signing_keys.h"
+#include "snapshot/snapshot.h"
 #include "support/fake_connection_sender.h"
 #include "support/http_test_server.h"
 #include "support/test_keys.h"
@@ -195,6 +198,71 @@ TEST_F(PackageInfoTest, BusyStatusesBackOffUntilRetryAfter) {
     EXPECT_TRUE(download.GetPackageInfo(Query(path), answer)) << download.LastDescription();
     env_.clock->SetNow(now);
   }
+}
+
+// The document reaches the server as one value, whatever its text holds.
+TEST_F(PackageInfoTest, RequestDocumentArrivesWhole) {
+  const std::string resource = "a+b%41c&d#e \"q\" 'q' <x> \xc3\xa9";
+  server_.AddFile("/GetPackageInfo.aspx", kSources, {{"Content-Type", "text/xml"}});
+  PackageInfoQuery query = Query("/GetPackageInfo.aspx");
+  query.resource = resource;
+  PackageDownload download(env_.services);
+  std::string answer;
+  ASSERT_TRUE(download.GetPackageInfo(query, answer)) << download.LastDescription();
+  const testing::RecordedRequest request = server_.Requests().back();
+  ASSERT_EQ(request.params.size(), 1u) << request.query;
+  xml::Document document = xml::Document::Parse(request.Param("xml"));
+  EXPECT_EQ(document.Root().Attribute("resource"), resource);
+  EXPECT_EQ(document.Root().Attribute("totalFailureTime"), "30") << "the document's end arrived too";
+}
+
+// A peer's rate limit set for an earlier transfer of the same object never
+// slows the request for sources.
+TEST_F(PackageInfoTest, RunsAsANormalDownloadAfterAPeerTransfer) {
+  const std::string large = "<PackageSources><!--" + std::string(8 * 1024, 'x') + "--></PackageSources>";
+  server_.AddFile("/sources.aspx", large, {{"Content-Type", "text/xml"}});
+  PackageDownload download(env_.services);
+  SnapshotQuery peer;
+  peer.packageId = *Guid::Parse(kPackage);
+  peer.snapshotUrl = server_.Url("/missing.xml");
+  peer.peerDownload = true;
+  peer.peerRateKBps = 1;
+  Snapshot snapshot;
+  EXPECT_FALSE(download.DownloadSnapshot(peer, snapshot));
+  const auto start = std::chrono::steady_clock::now();
+  std::string answer;
+  ASSERT_TRUE(download.GetPackageInfo(Query("/sources.aspx"), answer)) << download.LastDescription();
+  EXPECT_EQ(answer, large);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
+// Memory that runs out inside an operation is reported as such, never as an
+// unknown error.
+TEST_F(PackageInfoTest, OutOfMemoryKeepsItsCodeAndText) {
+  class StarvedDecryptor final : public ResponseDecryptor {
+   public:
+    DecryptedResponse DecryptResponse(std::span<const uint8_t>) override { throw std::bad_alloc(); }
+    std::string DecryptBase64String(std::string_view) override { throw std::bad_alloc(); }
+  };
+  auto sender = std::make_shared<testing::FakeConnectionSender>();
+  sender->SetResponse({{}, std::string("\x01\x02\x03", 3)});
+  env_.services.connection_senders = std::make_shared<testing::FakeConnectionSenderLookup>(sender);
+  env_.services.decryptor = std::make_shared<StarvedDecryptor>();
+  const std::string text = std::system_category().message(ENOMEM);
+  PackageDownload download(env_.services);
+  std::string answer;
+  EXPECT_FALSE(download.GetPackageInfo(Query("/GetPackageInfo.aspx"), answer));
+  EXPECT_EQ(std::tuple(download.LastResult(), download.LastDescription()), std::tuple(0x8007000Eu, text));
+  EXPECT_TRUE(env_.log->Contains("Download package sources failed: " + text + " (0x8007000E)"));
+  SnapshotQuery query;
+  query.packageId = *Guid::Parse(kPackage);
+  query.snapshotUrl = server_.Url("/s.xml");
+  query.user = "agent";
+  query.encryptedPassword = "cGFzcw==";  // the decryptor runs out of memory on it
+  Snapshot snapshot;
+  EXPECT_FALSE(download.DownloadSnapshot(query, snapshot));
+  EXPECT_EQ(std::tuple(download.LastResult(), download.LastDescription()), std::tuple(0x8007000Eu, text));
+  EXPECT_FALSE(env_.log->Contains("Unknown error"));
 }
 
 class SenderTest : public PackageInfoTest {
