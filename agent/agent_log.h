@@ -36,9 +36,10 @@ struct AgentLogOptions {
 // process; any thread may log. Settings are read from "Event Logging\logfile"
 // (a missing "Severity", "MaxSize", "MaxFiles" or "FileName" is written with
 // its default) and cached for options.settings_cache_ms, or until the
-// store's change counter moves (looked at no more than every 250 ms). Records are appended under an exclusive
-// flock on "<file name>.lock" beside the log, so that the processes sharing
-// the file write and roll it over one after another.
+// store's change counter moves (looked at no more than every 250 ms).
+// Records are appended under an exclusive flock on "<file name>.lock" beside
+// the log, so that the processes sharing the file write and roll it over one
+// after another.
 // Logging never throws: a line that cannot be written is dropped and counted
 // (DroppedAgentLogLines). Without a store or a clock every line is dropped.
 std::shared_ptr<Logger> NewAgentLog(std::shared_ptr<SettingsStore> settings, std::shared_ptr<Clock> clock,

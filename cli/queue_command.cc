@@ -28,6 +28,14 @@ struct QueueArgs {
   bool json = false;
 };
 
+// One package as a line of the listing; note, when not empty, follows in
+// parentheses.
+void PrintRow(const Guid& id, const std::string& status, int32_t priority, int64_t size, const std::string& name,
+              const std::string& note) {
+  std::cout << Format("%ls  %-11ls %6ls %14I64d  %ls%ls\n", id.ToString(), status, PriorityName(priority), size,
+                      EscapeForDisplay(name), note.empty() ? std::string() : "  (" + EscapeForDisplay(note) + ")");
+}
+
 // The unfinished packages as a running engine saved them.
 void ShowLiveState(PackageStore& store, const QueueArgs& args) {
   nlohmann::json entries = nlohmann::json::array();
@@ -45,11 +53,9 @@ void ShowLiveState(PackageStore& store, const QueueArgs& args) {
                          {"size", request->GetSize()},
                          {"description", request->statusDescription}});
     } else {
-      std::cout << Format("%ls  %-11ls %6ls %14I64d  %ls%ls\n", id.ToString(), std::string(StatusName(status)),
-                          PriorityName(request->priority), request->GetSize(), EscapeForDisplay(request->name),
-                          request->statusDescription.empty() || request->statusDescription == StatusName(status)
-                              ? std::string()
-                              : "  (" + EscapeForDisplay(request->statusDescription) + ")");
+      const bool plain = request->statusDescription == StatusName(status);
+      PrintRow(id, std::string(StatusName(status)), request->priority, static_cast<int64_t>(request->GetSize()),
+               request->name, plain ? std::string() : request->statusDescription);
     }
   }
   if (args.json) std::cout << entries.dump(2) << "\n";
@@ -86,9 +92,7 @@ void ShowQueue(Context& context, const QueueArgs& args) {
                          {"missingBytes", entry.sizeKey},
                          {"retryAt", retryAt}});
     } else {
-      std::cout << Format("%ls  %-11ls %6ls %14I64d  %ls%ls\n", entry.id.ToString(), status,
-                          PriorityName(entry.priority), entry.sizeKey, EscapeForDisplay(name),
-                          retryAt.empty() ? std::string() : "  (retry at " + retryAt + ")");
+      PrintRow(entry.id, status, entry.priority, entry.sizeKey, name, retryAt.empty() ? "" : "retry at " + retryAt);
     }
   }
   if (args.json) std::cout << entries.dump(2) << "\n";

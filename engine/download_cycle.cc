@@ -319,7 +319,8 @@ bool DownloadCycle::RunOnePass(Cycle& cycle, std::vector<CodebaseEntry>& tried, 
   }
 
   // A check, and one repair of what still differs.
-  const Snapshot fetched = cycle.updateList;
+  // The list is computed afresh below; what was fetched is kept for the times.
+  const Snapshot fetched = std::move(cycle.updateList);
   GetUpdateList(cycle, nullptr, false);
   if (const size_t differing = cycle.FilesToUpdate(); differing != 0) {
     log.Log(loglevel::kWarning, kComponent, "The %d file(s) do not match the snapshot, download these files again",

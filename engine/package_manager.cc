@@ -177,7 +177,8 @@ std::shared_ptr<PackageRequest> PackageManager::WaitForReadyPackage() {
     // The client may have changed meanwhile: the next pass judges it again.
     return nullptr;
   }
-  if (!allowed || stop_.IsSet()) return nullptr;
+  // No wait means a ready package, and only an allowed client has one.
+  if (stop_.IsSet()) return nullptr;
 
   RecursiveLock lock(queueLock_);
   queue_.PromoteDueEntries();

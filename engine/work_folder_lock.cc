@@ -9,6 +9,7 @@
 
 #include "util/errno_result.h"
 #include "util/error.h"
+#include "util/unique_fd.h"
 
 namespace pkgdlv {
 
@@ -64,11 +65,9 @@ void WorkFolderLock::Close() {
 
 bool IsWorkFolderInUse(const std::filesystem::path& folder) {
   const std::filesystem::path path = folder / kWorkFolderLockFileName;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return false;
-  const bool held = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-  ::close(fd);  // releases a shared lock taken here
-  return held;
+  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+  // Closing the file releases a shared lock taken here.
+  return file.ok() && ::flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 }  // namespace pkgdlv

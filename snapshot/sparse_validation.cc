@@ -10,11 +10,11 @@
 
 #include "snapshot/validation.h"
 #include "snapshot/validation_io.h"
+#include "util/unique_fd.h"
 
 namespace pkgdlv {
 
 using validation_io::ErrorText;
-using validation_io::FileHandle;
 using validation_io::ReadFully;
 
 namespace {
@@ -56,7 +56,7 @@ void Validator::ValidateSparseFile(const Snapshot& snapshot, SnapshotEntry& entr
     return;
   }
   const std::string pathText = path.string();
-  FileHandle file(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+  UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
   if (!file.ok()) {
     log.LogWithError(loglevel::kError, kComponent, ErrorText(errno), "Failed to open sparse file '%ls'", pathText);
     return;

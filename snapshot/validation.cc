@@ -13,11 +13,11 @@
 #include "util/base64.h"
 #include "util/errno_result.h"
 #include "util/safe_path.h"
+#include "util/unique_fd.h"
 
 namespace pkgdlv {
 
 using validation_io::ErrorText;
-using validation_io::FileHandle;
 using validation_io::ReadFully;
 
 namespace {
@@ -52,7 +52,7 @@ Result Validator::CalculateBlockHashes(const Snapshot& snapshot, const std::file
   std::string path = filePath.string();
   try {
     hashes.clear();
-    FileHandle file(::open(filePath.c_str(), O_RDONLY | O_CLOEXEC));
+    UniqueFd file(::open(filePath.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.ok()) {
       int error = errno;
       log.LogWithError(loglevel::kError, kComponent, ErrorText(error),
@@ -155,7 +155,7 @@ void Validator::ValidateWholeFile(const Snapshot& snapshot, SnapshotEntry& entry
   Sha256Digest digest{};
   bool hashed = false;
   {
-    FileHandle file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (file.ok()) {
       ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
       openssl::Sha256Stream stream;
@@ -198,7 +198,7 @@ void Validator::ValidateBlocks(const Snapshot& snapshot, SnapshotEntry& entry, c
   Logger& log = snapshot.log();
   const std::string pathText = path.string();
   entry.state = entrystate::kInvalid;
-  FileHandle file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file.ok()) {
     log.LogWithError(loglevel::kError, kComponent, ErrorText(errno), "Failed to open the target file '%ls'", pathText);
     return;

@@ -9,11 +9,7 @@
 #include <span>
 #include <string>
 
-#include "util/unique_fd.h"
-
 namespace pkgdlv::validation_io {
-
-using FileHandle = UniqueFd;
 
 // Reads until buffer is full or the file ends; -1 (errno set) on an error.
 inline ssize_t ReadFully(int fd, std::span<uint8_t> buffer) {
