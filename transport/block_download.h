@@ -15,8 +15,8 @@
 // untouched by other threads while DownloadAttempt runs; the snapshot's
 // entries get their block hashes loaded and released again.
 //
-// Threads: DownloadAttempt runs on the engine's thread; while it runs, a
-// writer thread of its own verifies and writes each received block as the
+// Threads: DownloadAttempt runs on the engine's thread; while it runs, two
+// threads of its own hash each block as it arrives and write it while the
 // next one is requested (transport/block_writer.h). Another thread
 // cancels through PackageDownload::Cancel(): a running request ends, a wait
 // ends, and the attempt ends with 1223. Events and the store callback are
@@ -43,11 +43,11 @@
 #include <vector>
 
 #include "snapshot/dynamic_bitset.h"
+#include "transport/block_writer.h"
 #include "util/guid.h"
 
 namespace pkgdlv {
 
-class BlockWriter;
 class DownloadEvents;
 class PackageDownload;
 class PackageRequest;
@@ -146,14 +146,15 @@ class BlockDownload {
   void WalkBlocks(const AttemptInput& input, FileRun& run);
   // waitMs: the peer wait interval W when a "not ready" answer may be
   // waited for, 0 when it may not.
-  uint64_t RequestBlock(const AttemptInput& input, FileRun& run, uint64_t offset, std::span<uint8_t> buffer,
-                        uint32_t waitMs);
+  // Returns the bytes received into the writer.
+  uint64_t RequestBlock(const AttemptInput& input, FileRun& run, const BlockWriter::Block& block, uint32_t waitMs);
   // Takes the oldest block the writer has in hand, if any, once it is
-  // written, and marks it: local map, statistics, the map's store and
-  // progress when due. False when none was in hand.
-  bool CollectBlock(const AttemptInput& input, FileRun& run);
-  // Takes every block in hand.
-  void CollectBlocks(const AttemptInput& input, FileRun& run);
+  // written (with kReady: only if it is already), and marks it: local map,
+  // statistics, the map's store and progress when due. False when none was
+  // taken.
+  bool CollectBlock(const AttemptInput& input, FileRun& run, BlockWriter::Wait wait = BlockWriter::Wait::kYes);
+  // Takes every block in hand (with kReady: those already written).
+  void CollectBlocks(const AttemptInput& input, FileRun& run, BlockWriter::Wait wait = BlockWriter::Wait::kYes);
   void FinishFile(FileRun& run);
   void RaiseProgress(const FileRun& run);
 

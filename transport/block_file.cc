@@ -211,33 +211,25 @@ void BlockDownload::WalkBlocks(const AttemptInput& input, FileRun& run) {
 
     log.Log(loglevel::kDebug, kLog, "Requesting block %I64u-%I64u, block %u (%u/%u) of file '%ls'", offset,
             offset + length - 1, index, bit + 1, snapshot.totalBlocks, run.pathText);
-    const std::span<uint8_t> buffer = writer_->Buffer(length);
-    const uint64_t received = RequestBlock(input, run, offset, buffer, waitMs);
+    const BlockWriter::Block block{index, offset, length};
+    const uint64_t received = RequestBlock(input, run, block, waitMs);
     if (received < length) {
       Fail(log, loglevel::kError, blockresult::kShortBlock, "Failed to write to file '%ls', not enough data",
            run.pathText);
     }
     run.downloadedBlock = true;
-    const BlockWriter::Block block{index, offset, length};
     offset += length;
-    if (offset < run.size) {
-      // The blocks before, checked and written meanwhile.
-      while (writer_->InHand() >= BlockWriter::kDepth) CollectBlock(input, run);
-      writer_->Submit(block, BlockWriter::Handling::kInBackground);
-    } else {
-      CollectBlocks(input, run);
-      writer_->Submit(block, BlockWriter::Handling::kNow);
-    }
+    writer_->Submit();
   }
 }
 
-void BlockDownload::CollectBlocks(const AttemptInput& input, FileRun& run) {
-  while (CollectBlock(input, run)) {
+void BlockDownload::CollectBlocks(const AttemptInput& input, FileRun& run, BlockWriter::Wait wait) {
+  while (CollectBlock(input, run, wait)) {
   }
 }
 
-bool BlockDownload::CollectBlock(const AttemptInput& input, FileRun& run) {
-  const std::optional<BlockWriter::Block> block = writer_->Collect();
+bool BlockDownload::CollectBlock(const AttemptInput& input, FileRun& run, BlockWriter::Wait wait) {
+  const std::optional<BlockWriter::Block> block = writer_->Collect(wait);
   if (!block) return false;
   input.localMap->Set(run.entry().firstBlock + block->index, true);
   stats_.downloaded += block->length;
@@ -250,14 +242,23 @@ bool BlockDownload::CollectBlock(const AttemptInput& input, FileRun& run) {
   return true;
 }
 
-uint64_t BlockDownload::RequestBlock(const AttemptInput& input, FileRun& run, uint64_t offset,
-                                     std::span<uint8_t> buffer, uint32_t waitMs) {
+uint64_t BlockDownload::RequestBlock(const AttemptInput& input, FileRun& run, const BlockWriter::Block& block,
+                                     uint32_t waitMs) {
   Logger& log = download_.log();
   NetworkTransport& transport = download_.transport();
+  // The file's last block is checked and written at once: nothing is left
+  // to overlap it.
+  const auto handling = block.offset + block.length >= run.size ? BlockWriter::Handling::kNow
+                                                                : BlockWriter::Handling::kInBackground;
+  const NetworkTransport::ByteSink sink = [this](std::span<const uint8_t> bytes) { writer_->Append(bytes); };
   std::optional<uint64_t> firstNotReady;
   while (true) {
     try {
-      RangeResult range = transport.DownloadRange(run.source, offset, buffer);
+      // Each try starts the block afresh; the blocks before that the writer
+      // finished meanwhile are marked.
+      writer_->Receive(block, handling);
+      CollectBlocks(input, run, BlockWriter::Wait::kReady);
+      RangeResult range = transport.DownloadRange(run.source, block.offset, block.length, sink);
       // A source that moved (a redirect) is asked directly for the rest of
       // this file; the next file starts again from the source given.
       if (!range.effectiveUrl.empty() && range.effectiveUrl != run.wireUrl &&

@@ -3,11 +3,15 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "agent/crypto.h"
 #include "snapshot/snapshot.h"
 #include "transport/block_download_internal.h"
 
@@ -39,10 +43,6 @@ std::span<uint8_t> BlockWriter::AlignedBuffer::Get(uint32_t length) {
   return std::span(data_.get(), length);
 }
 
-std::span<const uint8_t> BlockWriter::AlignedBuffer::View(uint32_t length) const {
-  return std::span<const uint8_t>(data_.get(), length);
-}
-
 BlockWriter::BlockWriter(Logger& log)
     : log_(log), verifier_([this] { Verify(); }), writer_([this] { Write(); }) {}
 
@@ -51,13 +51,15 @@ BlockWriter::~BlockWriter() {
     std::lock_guard lock(mutex_);
     stop_ = true;
   }
-  changed_.notify_all();
+  verifierWake_.notify_all();
+  writerWake_.notify_all();
   verifier_.join();
   writer_.join();
 }
 
 void BlockWriter::Begin(const Target& target) {
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
+  DropReception(lock);
   target_ = target;
   checkFailed_ = writeFailed_ = false;
   direct_.Reset();
@@ -77,83 +79,184 @@ void BlockWriter::OpenDirect() {
   direct_.Reset(::open(self.c_str(), O_WRONLY | O_DIRECT | O_CLOEXEC));
 }
 
-std::span<uint8_t> BlockWriter::Buffer(uint32_t length) { return buffers_[submitted_ % kSlots].Get(length); }
-
-size_t BlockWriter::InHand() const {
-  std::lock_guard lock(mutex_);
-  return static_cast<size_t>(submitted_ - collected_);
+void BlockWriter::DropReception(std::unique_lock<std::mutex>& lock) {
+  ++reception_;
+  receivingOpen_ = false;
+  received_ = 0;
+  ownerWake_.wait(lock, [this] { return !hashingReception_; });
 }
 
-std::optional<BlockWriter::Block> BlockWriter::Collect() {
+void BlockWriter::Receive(const Block& block, Handling how) {
   std::unique_lock lock(mutex_);
-  if (collected_ == submitted_) return std::nullopt;
-  changed_.wait(lock, [this] { return written_ > collected_; });
+  DropReception(lock);
+  // The slot of the block three back must have been collected.
+  if (submitted_ - collected_ >= kSlots) throw std::logic_error("BlockWriter: blocks left uncollected");
+  // A killed process then loses this block and the one before at most.
+  ownerWake_.wait(lock, [this] { return written_ + 1 >= submitted_; });
+  Slot& slot = slots_[submitted_ % kSlots];
+  slot.block = block;
+  slot.reception = reception_;
+  slot.failure = nullptr;
+  slot.dropped = false;
+  buffers_[submitted_ % kSlots].Get(block.length);
+  receiving_ = how;
+  receivingOpen_ = true;
+  verifierWants_ = std::min(verifierWants_, kPiece);
+}
+
+void BlockWriter::Append(std::span<const uint8_t> bytes) {
+  const Block& block = slots_[submitted_ % kSlots].block;
+  if (!receivingOpen_) throw std::logic_error("BlockWriter: no block is being received");
+  if (bytes.size() > block.length - received_) {
+    Throw(result::kDownloadFailed, "More than the %u bytes of block %u arrived for file '%ls'", block.length,
+          block.index, target_.path);
+  }
+  // The verifier reads only the bytes below received_.
+  std::memcpy(buffers_[submitted_ % kSlots].data() + received_, bytes.data(), bytes.size());
+  bool wake = false;
+  {
+    std::lock_guard lock(mutex_);
+    received_ += static_cast<uint32_t>(bytes.size());
+    wake = received_ >= verifierWants_;
+  }
+  if (wake) verifierWake_.notify_one();
+}
+
+uint32_t BlockWriter::Received() const { return received_; }
+
+void BlockWriter::Submit() {
+  const uint64_t sequence = submitted_;
+  Slot& slot = slots_[sequence % kSlots];
+  if (!receivingOpen_ || received_ != slot.block.length) {
+    throw std::logic_error("BlockWriter: the block submitted is not complete");
+  }
+  std::unique_lock lock(mutex_);
+  receivingOpen_ = false;
+  if (receiving_ == Handling::kInBackground) {
+    ++submitted_;
+    lock.unlock();
+    verifierWake_.notify_one();
+    return;
+  }
+  // The stage threads are idle once the blocks before are written.
+  ownerWake_.wait(lock, [this] { return written_ == submitted_; });
+  slot.dropped = checkFailed_ || writeFailed_;
+  lock.unlock();
+  if (!slot.dropped) {
+    try {
+      const std::span<const uint8_t> data = DataOf(sequence);
+      Check(ownValidator_, slot.block, data);
+      Store(slot.block, data, false);
+    } catch (...) {
+      slot.failure = std::current_exception();
+    }
+  }
+  lock.lock();
+  verified_ = written_ = ++submitted_;
+}
+
+std::optional<BlockWriter::Block> BlockWriter::Collect(Wait wait) {
+  std::unique_lock lock(mutex_);
+  if (collected_ == submitted_ || (wait == Wait::kReady && written_ == collected_)) return std::nullopt;
+  ownerWake_.wait(lock, [this] { return written_ > collected_; });
   Slot& slot = slots_[collected_ % kSlots];
   ++collected_;
   if (!slot.failure) return slot.block;
   // The blocks after a failed one are not reported: the file ends here.
-  changed_.wait(lock, [this] { return written_ == submitted_; });
+  ownerWake_.wait(lock, [this] { return written_ == submitted_; });
   collected_ = submitted_;
   std::rethrow_exception(std::exchange(slot.failure, nullptr));
 }
 
-void BlockWriter::Submit(const Block& block, Handling how) {
-  Slot& slot = slots_[submitted_ % kSlots];
-  slot.block = block;
-  slot.failure = nullptr;
-  slot.dropped = false;
-  if (how == Handling::kNow) {
-    // Nothing is in hand: both stage threads are idle.
-    try {
-      const std::span<const uint8_t> data = DataOf(submitted_);
-      Check(ownValidator_, block, data);
-      Store(block, data, false);
-    } catch (...) {
-      slot.failure = std::current_exception();
-    }
-    std::lock_guard lock(mutex_);
-    verified_ = written_ = ++submitted_;
-    return;
-  }
-  {
-    std::lock_guard lock(mutex_);
-    ++submitted_;
-  }
-  changed_.notify_all();
-}
-
 std::span<const uint8_t> BlockWriter::DataOf(uint64_t sequence) const {
-  return buffers_[sequence % kSlots].View(slots_[sequence % kSlots].block.length);
+  return std::span<const uint8_t>(buffers_[sequence % kSlots].data(), slots_[sequence % kSlots].block.length);
 }
 
+// The verifier follows the block being received piece by piece, so that the
+// check of a complete block is left with its last piece only.
 void BlockWriter::Verify() {
+  BlockHasher hasher;
+  Partial partial;
   std::unique_lock lock(mutex_);
   while (true) {
-    changed_.wait(lock, [this] { return stop_ || verified_ < submitted_; });
-    if (verified_ == submitted_) return;  // stopping with nothing handed over
-    Slot& slot = slots_[verified_ % kSlots];
-    const std::span<const uint8_t> data = DataOf(verified_);
-    const bool skip = checkFailed_ || writeFailed_;
-    lock.unlock();
-    try {
-      if (!skip) Check(verifierValidator_, slot.block, data);
-    } catch (...) {
-      slot.failure = std::current_exception();
+    verifierWake_.wait(lock, [&] {
+      if (stop_ || verified_ < submitted_) return true;
+      const uint32_t from = partial.reception == reception_ ? partial.hashed : 0;
+      verifierWants_ = from + kPiece;
+      return receivingOpen_ && receiving_ == Handling::kInBackground && received_ >= verifierWants_;
+    });
+    verifierWants_ = UINT32_MAX;
+    if (verified_ < submitted_) {
+      FinishBlock(lock, hasher, partial);
+    } else if (stop_) {
+      return;  // nothing handed over is left
+    } else {
+      HashReceived(lock, hasher, partial);
     }
-    lock.lock();
-    // The file ends at a failed block: what follows is neither checked nor
-    // written, so the file holds no block past the failure.
-    if (slot.failure) checkFailed_ = true;
-    slot.dropped = skip;
-    ++verified_;
-    changed_.notify_all();
   }
+}
+
+void BlockWriter::HashReceived(std::unique_lock<std::mutex>& lock, BlockHasher& hasher, Partial& partial) {
+  if (partial.reception != reception_) partial = {reception_, 0, nullptr};
+  const uint64_t sequence = submitted_;
+  const uint32_t end = received_;
+  const bool skip = checkFailed_ || writeFailed_ || partial.failure;
+  hashingReception_ = true;
+  lock.unlock();
+  if (!skip) {
+    try {
+      const SnapshotEntry& entry = *target_.entry;
+      const Block& block = slots_[sequence % kSlots].block;
+      if (!entry.blockHashes.empty()) {
+        if (partial.hashed == 0) hasher.Start(Validator::BlockKey(entry, block.index));
+        hasher.Add(std::span(buffers_[sequence % kSlots].data() + partial.hashed, end - partial.hashed));
+      }
+    } catch (...) {
+      partial.failure = std::current_exception();
+    }
+  }
+  partial.hashed = end;
+  lock.lock();
+  hashingReception_ = false;
+  ownerWake_.notify_one();
+}
+
+// The oldest block handed over: its remaining bytes are hashed and the hash
+// compared.
+void BlockWriter::FinishBlock(std::unique_lock<std::mutex>& lock, BlockHasher& hasher, Partial& partial) {
+  const uint64_t sequence = verified_;
+  Slot& slot = slots_[sequence % kSlots];
+  if (partial.reception != slot.reception) partial = {slot.reception, 0, nullptr};
+  const bool skip = checkFailed_ || writeFailed_;
+  lock.unlock();
+  try {
+    const SnapshotEntry& entry = *target_.entry;
+    if (!skip && partial.failure) std::rethrow_exception(partial.failure);
+    if (!skip && !entry.blockHashes.empty()) {
+      if (partial.hashed == 0) hasher.Start(Validator::BlockKey(entry, slot.block.index));
+      const std::span<const uint8_t> data = DataOf(sequence);
+      hasher.Add(data.subspan(partial.hashed));
+      const Sha256Digest hash = hasher.Finish();
+      ThrowIfBad(slot.block, Validator::CompareBlockHash(*target_.snapshot, entry, slot.block.index, hash,
+                                                         target_.path, 0, true));
+    }
+  } catch (...) {
+    slot.failure = std::current_exception();
+  }
+  partial = {};
+  lock.lock();
+  // The file ends at a failed block: what follows is neither checked nor
+  // written, so the file holds no block past the failure.
+  if (slot.failure) checkFailed_ = true;
+  slot.dropped = skip;
+  ++verified_;
+  writerWake_.notify_one();
 }
 
 void BlockWriter::Write() {
   std::unique_lock lock(mutex_);
   while (true) {
-    changed_.wait(lock, [this] { return written_ < verified_ || (stop_ && written_ == submitted_); });
+    writerWake_.wait(lock, [this] { return written_ < verified_ || (stop_ && verified_ == submitted_); });
     if (written_ == verified_) return;  // stopping with everything written
     Slot& slot = slots_[written_ % kSlots];
     const std::span<const uint8_t> data = DataOf(written_);
@@ -171,18 +274,19 @@ void BlockWriter::Write() {
     lock.lock();
     if (slot.failure) writeFailed_ = true;
     ++written_;
-    changed_.notify_all();
+    ownerWake_.notify_one();
   }
 }
 
 void BlockWriter::Check(Validator& validator, const Block& block, std::span<const uint8_t> data) {
-  const Snapshot& snapshot = *target_.snapshot;
-  const SnapshotEntry& entry = *target_.entry;
-  if (entry.blockHashes.empty()) return;
-  const Result code = validator.ValidateBlock(snapshot, entry, block.index, data, target_.path, 0, true);
+  if (target_.entry->blockHashes.empty()) return;
+  ThrowIfBad(block, validator.ValidateBlock(*target_.snapshot, *target_.entry, block.index, data, target_.path, 0, true));
+}
+
+void BlockWriter::ThrowIfBad(const Block& block, Result code) const {
   if (code == validation::kBadBlock) {
     throw Error(code, Format("Block %u (%u/%u) is invalid for file '%ls'", block.index,
-                             entry.firstBlock + block.index + 1, snapshot.totalBlocks, target_.path));
+                             target_.entry->firstBlock + block.index + 1, target_.snapshot->totalBlocks, target_.path));
   }
   if (code != 0) throw Error(code, Format("Failed to calculate block hash for file '%ls'", target_.path));
 }

@@ -1,12 +1,16 @@
 // Verifies and writes the blocks of a file on threads of their own, so that
-// the check of block n, the write of block n - 1 and the request of block
-// n + 1 overlap while the blocks are still requested one at a time, in file
-// order.
+// the blocks are still requested one at a time, in file order, while the
+// check and the write of one overlap the request of the next.
 //
-// Two stages, each on its thread: the verifier checks a block against the
-// snapshot, the writer writes the blocks the verifier passed. A block that
+// Two stages, each on its thread: the verifier hashes a block while its bytes
+// arrive, piece by piece, and checks it against the snapshot once it is
+// complete; the writer writes the blocks the verifier passed. A block that
 // fails its check is never written. Block n + 1 is keyed with the snapshot's
 // expected hash of block n, so a check never waits for another one.
+//
+// The next block is received only once every block but the one before is
+// written: a process that is killed loses at most the block it was receiving
+// and the one before it.
 //
 // The writer thread's writes of whole, aligned blocks bypass the page cache
 // (O_DIRECT) where the file system allows it: a copy into the page cache
@@ -15,14 +19,13 @@
 // ordinary ones, and so does a block handled at once (kNow), where a write
 // that waits for the disk would overlap nothing.
 //
-// At most kDepth blocks are in hand (handed over, not yet collected) while
-// the next one is received, so a process that is killed loses at most
-// kDepth + 1 received blocks.
-//
-// Use, per file: Begin, then for each block Buffer (fill it), Collect while
-// InHand() is kDepth, Submit; at the end (and on any failure) Collect until
-// it gives nothing. Collect gives the blocks in the order they were handed
-// over, each only after it was verified and written.
+// Use, per file: Begin; for each block Receive, Append its bytes (the
+// transport's sink), Submit; Collect(kReady) after each Receive to take the
+// blocks finished meanwhile; at the end (and on any failure) Collect until it
+// gives nothing. A block received but not submitted (a failed or repeated
+// request) is dropped by the next Receive or Begin. Collect gives the blocks
+// in the order they were submitted, each only after it was verified and
+// written.
 //
 // Ownership: the target (descriptor, snapshot, entry and its block hashes)
 // is the caller's and must stay open and unchanged until the last Collect.
@@ -43,6 +46,7 @@
 #include <string>
 #include <thread>
 
+#include "agent/crypto.h"
 #include "snapshot/validation.h"
 #include "util/unique_fd.h"
 
@@ -65,36 +69,40 @@ class BlockWriter {
     uint64_t offset = 0;
     uint32_t length = 0;
   };
-  // Where Submit verifies and writes a block: on the stage threads, or at
-  // once on the caller's. A file's last block is waited for right away, so
-  // nothing could overlap it and the hand-over would only add wake-ups
-  // (which dominate a package of small files).
+  // Where a block is verified and written: on the stage threads, or at once
+  // on the caller's thread by Submit. A file's last block is waited for
+  // right away, so nothing could overlap it and the hand-over would only add
+  // wake-ups (which dominate a package of small files).
   enum class Handling { kInBackground, kNow };
-  // Blocks that may be in hand while the next one is received.
-  static constexpr size_t kDepth = 2;
+  enum class Wait { kYes, kReady };
 
   explicit BlockWriter(Logger& log);
-  // Waits for the blocks in hand (their outcomes are dropped) and ends the
+  // Waits for the blocks submitted (their outcomes are dropped) and ends the
   // threads.
   ~BlockWriter();
   BlockWriter(const BlockWriter&) = delete;
   BlockWriter& operator=(const BlockWriter&) = delete;
 
-  // The next file. Nothing may be in hand (collect first).
+  // The next file. Nothing submitted may be left uncollected.
   void Begin(const Target& target);
-  // The buffer the next block is to be received into: never one that is in
-  // hand. Valid until the next Submit.
-  std::span<uint8_t> Buffer(uint32_t length);
-  // Blocks handed over and not yet collected.
-  size_t InHand() const;
-  // Waits for the oldest block in hand: nullopt when there is none, the
-  // block when it is verified and written. When it failed, waits for the
-  // rest in hand, drops them, and throws its Error (already logged).
-  std::optional<Block> Collect();
-  // Hands over the block received into Buffer(). At most kDepth - 1 blocks
-  // may be in hand; with kNow, none. With kNow the block is verified and
-  // written when Submit returns; its outcome is still taken by Collect.
-  void Submit(const Block& block, Handling how = Handling::kInBackground);
+  // Starts receiving block: waits until every block submitted but the last
+  // is written. Drops the bytes of a block received before and not
+  // submitted.
+  void Receive(const Block& block, Handling how);
+  // The next bytes of the block being received. Throws Error 0x800C0008 when
+  // they go past its length.
+  void Append(std::span<const uint8_t> bytes);
+  // Bytes appended since Receive.
+  uint32_t Received() const;
+  // Hands over the block being received, whose bytes must all be there. With
+  // kNow the block is verified and written when Submit returns; its outcome
+  // is still taken by Collect.
+  void Submit();
+  // The oldest block submitted and not collected: nullopt when there is none
+  // (with kReady: also when it is not written yet), the block when it is
+  // verified and written. When it failed, waits for the rest submitted, drops
+  // them, and throws its Error (already logged).
+  std::optional<Block> Collect(Wait wait = Wait::kYes);
 
  private:
   class AlignedBuffer {
@@ -102,7 +110,7 @@ class BlockWriter {
     // Room for length bytes (kept for longer blocks); the contents are lost
     // when it grows.
     std::span<uint8_t> Get(uint32_t length);
-    std::span<const uint8_t> View(uint32_t length) const;
+    uint8_t* data() const { return data_.get(); }
 
    private:
     struct Free {
@@ -115,14 +123,34 @@ class BlockWriter {
     Block block;
     std::exception_ptr failure;
     bool dropped = false;  // after a failed block of its file: not written
+    uint64_t reception = 0;  // which reception its bytes came from
   };
-  static constexpr size_t kSlots = kDepth + 1;
+  // The block being received, the one before (being checked or written) and
+  // the one before that (written, perhaps not yet collected).
+  static constexpr size_t kSlots = 3;
+
+  // The verifier's hash of the block being received, so far.
+  struct Partial {
+    uint64_t reception = UINT64_MAX;  // the reception the hashed bytes are of
+    uint32_t hashed = 0;
+    std::exception_ptr failure;  // the hash itself failed (out of memory)
+  };
+  // The verifier hashes the block being received in pieces of at least this
+  // size: fewer wake-ups, and the check of a complete block is left with one
+  // piece at most.
+  static constexpr uint32_t kPiece = 256 * 1024;
 
   void Verify();
   void Write();
+  // The verifier's two jobs; each releases the lock while it hashes.
+  void HashReceived(std::unique_lock<std::mutex>& lock, BlockHasher& hasher, Partial& partial);
+  void FinishBlock(std::unique_lock<std::mutex>& lock, BlockHasher& hasher, Partial& partial);
   void Check(Validator& validator, const Block& block, std::span<const uint8_t> data);
+  // Throws the Error of a check's result; nothing for 0.
+  void ThrowIfBad(const Block& block, Result code) const;
   void Store(const Block& block, std::span<const uint8_t> data, bool background);
   std::span<const uint8_t> DataOf(uint64_t sequence) const;
+  void DropReception(std::unique_lock<std::mutex>& lock);
   void OpenDirect();
 
   Logger& log_;
@@ -131,19 +159,30 @@ class BlockWriter {
   // thread's first block of the file.
   UniqueFd direct_;
   bool directTried_ = false;
-  Validator verifierValidator_;  // the verifier thread's: a validator keeps state
-  Validator ownValidator_;       // the owning thread's, for kNow
+  Validator ownValidator_;  // the owning thread's, for kNow
   AlignedBuffer buffers_[kSlots];
   Slot slots_[kSlots];  // block number s sits in slot s % kSlots
 
   // Block numbers, counted since construction: each stage has passed every
   // block below its mark; collected_ <= written_ <= verified_ <= submitted_.
+  // Block submitted_ is the one being received.
   mutable std::mutex mutex_;
-  std::condition_variable changed_;
+  std::condition_variable verifierWake_, writerWake_, ownerWake_;
   uint64_t submitted_ = 0;
   uint64_t verified_ = 0;
   uint64_t written_ = 0;
   uint64_t collected_ = 0;
+  // The block being received: its handling, the bytes there so far, and a
+  // count of receptions so that the verifier tells a new one from the old.
+  Handling receiving_ = Handling::kNow;
+  bool receivingOpen_ = false;
+  uint32_t received_ = 0;
+  uint64_t reception_ = 0;
+  // The verifier reads the block being received outside the lock; a new
+  // reception into the same buffer waits for it.
+  bool hashingReception_ = false;
+  // The verifier is waiting for this many bytes of the block being received.
+  uint32_t verifierWants_ = UINT32_MAX;
   // A block of this file failed its check (set by the verifier, which runs
   // ahead of the writer) or its write (set by the writer).
   bool checkFailed_ = false;

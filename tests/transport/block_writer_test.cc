@@ -16,59 +16,74 @@
 namespace pkgdlv {
 namespace {
 
-using testing::kBlock;
-
+// Blocks of several verifier pieces, appended in small pieces as a transport
+// hands them over, so that each block is hashed while it arrives.
+constexpr uint32_t kBlock = 640 * 1024, kAppend = 64 * 1024;
 constexpr uint32_t kNone = UINT32_MAX, kBlocks = 6;
 const std::string kContent = testing::PatternBytes(5 * kBlock + 300, 7);  // the last block short
 
 TEST(BlockWriterTest, OnlyVerifiedBlocksReachTheDiskAndFailuresSurfaceAtCollect) {
-  testing::BlockPackage package({{"c.bin", kContent}});
+  testing::BlockPackage package({{"c.bin", kContent}}, kBlock);
   ASSERT_TRUE(package.snapshot.LoadBlockHashes());
   SnapshotEntry unhashed = package.Entry("c.bin");
   unhashed.blockHashes.clear();
   struct Case {
-    uint32_t corrupt;
+    uint32_t corrupt, retried;  // a block received with a flipped byte; one received twice, garbage first
     bool unverified, readOnly;  // the entry holds no block hashes; every write fails
     std::vector<uint32_t> collected;
     Result failure;
     uint64_t bytesOnDisk;  // a prefix of the source, nothing after it
   } cases[] = {
-      {kNone, false, false, {0, 1, 2, 3, 4, 5}, 0, kContent.size()},
-      {0, false, false, {}, validation::kBadBlock, 0},
-      {2, false, false, {0, 1}, validation::kBadBlock, 2 * kBlock},
-      {5, false, false, {0, 1, 2, 3, 4}, validation::kBadBlock, 5 * kBlock},  // the last, checked at once
-      {3, true, false, {0, 1, 2, 3, 4, 5}, 0, kContent.size()},
-      {kNone, false, true, {}, ResultFromErrno(EBADF), 0},
+      {kNone, kNone, false, false, {0, 1, 2, 3, 4, 5}, 0, kContent.size()},
+      {kNone, 2, false, false, {0, 1, 2, 3, 4, 5}, 0, kContent.size()},
+      {0, kNone, false, false, {}, validation::kBadBlock, 0},
+      {2, kNone, false, false, {0, 1}, validation::kBadBlock, 2 * kBlock},
+      {5, kNone, false, false, {0, 1, 2, 3, 4}, validation::kBadBlock, 5 * kBlock},  // the last, checked at once
+      {3, kNone, true, false, {0, 1, 2, 3, 4, 5}, 0, kContent.size()},
+      {kNone, kNone, false, true, {}, ResultFromErrno(EBADF), 0},
   };
   NullLogger log;
   BlockWriter writer(log);  // one for every case, as one attempt walks file after file
   std::filesystem::create_directories(package.target);
   const std::filesystem::path path = package.target / "c.bin";
+  auto append = [&](std::string_view bytes) {
+    for (size_t at = 0; at < bytes.size(); at += kAppend) {
+      const std::string_view piece = bytes.substr(at, kAppend);
+      writer.Append(std::span(reinterpret_cast<const uint8_t*>(piece.data()), piece.size()));
+    }
+  };
   for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.corrupt << c.unverified << c.readOnly);
+    SCOPED_TRACE(::testing::Message() << c.corrupt << c.retried << c.unverified << c.readOnly);
     std::filesystem::remove(path);
     ::close(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     const int fd = ::open(path.c_str(), (c.readOnly ? O_RDONLY : O_WRONLY) | O_CLOEXEC);
     writer.Begin({fd, &package.snapshot, c.unverified ? &unhashed : &package.Entry("c.bin"), path.string()});
-    // As the block download walks a file: fill, collect the block before,
-    // submit (the last at once); the first failure ends the walk.
+    // As the block download walks a file: receive, collect what is done,
+    // append, submit (the last at once); the first failure ends the walk.
     std::vector<uint32_t> collected;
     Result failure = 0;
-    auto collect = [&] {
-      while (std::optional<BlockWriter::Block> block = writer.Collect()) collected.push_back(block->index);
+    auto collect = [&](BlockWriter::Wait wait) {
+      while (std::optional<BlockWriter::Block> block = writer.Collect(wait)) collected.push_back(block->index);
     };
     try {
       for (uint32_t index = 0; index < kBlocks; ++index) {
         const uint64_t offset = uint64_t{index} * kBlock;
         const auto length = static_cast<uint32_t>(std::min<uint64_t>(kBlock, kContent.size() - offset));
-        std::span<uint8_t> buffer = writer.Buffer(length);
-        std::memcpy(buffer.data(), kContent.data() + offset, length);
-        if (index == c.corrupt) buffer[length / 2] ^= 0xFF;
-        if (writer.InHand() == BlockWriter::kDepth - 1 || index + 1 == kBlocks) collect();
-        writer.Submit({index, offset, length},
-                      index + 1 == kBlocks ? BlockWriter::Handling::kNow : BlockWriter::Handling::kInBackground);
+        const bool last = index + 1 == kBlocks;
+        const BlockWriter::Block block{index, offset, length};
+        const auto how = last ? BlockWriter::Handling::kNow : BlockWriter::Handling::kInBackground;
+        writer.Receive(block, how);
+        collect(BlockWriter::Wait::kReady);
+        if (index == c.retried) {
+          append(std::string(length / 2, '\xAA'));
+          writer.Receive(block, how);
+        }
+        std::string bytes = kContent.substr(offset, length);
+        if (index == c.corrupt) bytes[length / 2] ^= static_cast<char>(0xFF);
+        append(bytes);
+        writer.Submit();
       }
-      collect();
+      collect(BlockWriter::Wait::kYes);
     } catch (const Error& e) {
       failure = e.code();
     }
@@ -78,6 +93,14 @@ TEST(BlockWriterTest, OnlyVerifiedBlocksReachTheDiskAndFailuresSurfaceAtCollect)
     std::string expected = kContent.substr(0, c.bytesOnDisk);
     if (c.unverified && c.corrupt != kNone) expected[c.corrupt * kBlock + kBlock / 2] ^= static_cast<char>(0xFF);
     EXPECT_EQ(testing::ReadFile(path), expected);
+  }
+  // A source that sends more than the block is cut off.
+  writer.Receive({0, 0, 10}, BlockWriter::Handling::kInBackground);
+  try {
+    append(std::string(11, 'x'));
+    FAIL() << "an over-long block was taken";
+  } catch (const Error& e) {
+    EXPECT_EQ(e.code(), result::kDownloadFailed);
   }
 }
 
