@@ -135,9 +135,8 @@ TEST_F(AgentLogTest, RolloverRemovesTheOldestOtherFileAndRenamesToTheFirstFreeNu
   } cases[] = {
       {5, 2, {}, {}, ""},  // below ten, the size is ten kilobytes
       {10, 2, {{"Agent1.log", 60}}, {"Agent1.log"}, "Agent1.log"},
-      {10, 3, {{"Agent1.log", 10}, {"Agent2.log", 50}}, {"Agent1.log", "Agent2.log"}, "Agent2.log"},
-      {10, 2, {{"Other.log", 900}, {"Agent.txt", 900}, {"Agent1.log", 5}}, {"Agent.txt", "Agent1.log", "Other.log"},
-       "Agent1.log"},
+      {10, 3, {{"Agent1.log", 10}, {"Agent2.log", 50}, {"Other.log", 900}}, {"Agent1.log", "Agent2.log", "Other.log"},
+       "Agent2.log"},
       {10, 20, {{"Agent1.log", 1}, {"Agent2.log", 1}, {"Agent4.log", 1}},
        {"Agent1.log", "Agent2.log", "Agent3.log", "Agent4.log"}, "Agent3.log"},
   };

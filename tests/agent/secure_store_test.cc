@@ -32,30 +32,21 @@ class SecureStoreTest : public ::testing::Test {
   TempDir dir_;
 };
 
-TEST_F(SecureStoreTest, RoundTripReplaceDeleteAndPrefix) {
+// Removing a package's hashes leaves a sibling key and other packages alone;
+// a second object (as another process would) reads with the same private key.
+TEST_F(SecureStoreTest, PrefixDeleteStopsAtTheKeyAndTheMachineKeyIsPrivate) {
   auto store = Open();
-  EXPECT_EQ(store->Read("a"), std::nullopt);
-  store->Write("Package Delivery\\{A}\\hash\\x.bin", Bytes("one"));
-  store->Write("Package Delivery\\{A}\\hash\\x.bin", Bytes("two"));
-  store->Write("Package Delivery\\{A}\\hash\\sub\\y.bin", Bytes(""));
-  store->Write("Package Delivery\\{A}\\hashes", Bytes("sibling"));
-  store->Write("Package Delivery\\{B}\\hash\\x.bin", Bytes("other package"));
-  EXPECT_EQ(store->Read("Package Delivery\\{A}\\hash\\x.bin"), Bytes("two"));
-  EXPECT_EQ(store->Read("Package Delivery\\{A}\\hash\\sub\\y.bin"), Bytes(""));
-  EXPECT_EQ(store->Read("package delivery\\{A}\\hash\\x.bin"), std::nullopt);  // paths compare exactly
-
-  EXPECT_EQ(store->DeletePrefix("Package Delivery\\{A}\\hash\\"), 2u);
-  EXPECT_EQ(store->Read("Package Delivery\\{A}\\hash\\x.bin"), std::nullopt);
-  EXPECT_EQ(store->Read("Package Delivery\\{A}\\hashes"), Bytes("sibling"));
-  EXPECT_TRUE(store->Delete("Package Delivery\\{B}\\hash\\x.bin"));
-  EXPECT_FALSE(store->Delete("Package Delivery\\{B}\\hash\\x.bin"));
-
-  // A second object (as another process would) reads with the same key.
-  EXPECT_EQ(Open()->Read("Package Delivery\\{A}\\hashes"), Bytes("sibling"));
+  for (const char* key : {"P\\{A}\\hash\\x", "P\\{A}\\hash\\sub\\y", "P\\{A}\\hashes", "P\\{B}\\hash\\x"}) {
+    store->Write(key, Bytes(key));
+  }
+  EXPECT_EQ(store->DeletePrefix("P\\{A}\\hash\\"), 2u);
+  EXPECT_EQ(std::tuple(store->Read("P\\{A}\\hash\\x"), store->Read("p\\{B}\\hash\\x"), Open()->Read("P\\{A}\\hashes")),
+            std::tuple(std::nullopt, std::nullopt, Bytes("P\\{A}\\hashes")));
+  EXPECT_TRUE(store->Delete("P\\{B}\\hash\\x"));
+  EXPECT_FALSE(store->Delete("P\\{B}\\hash\\x"));
   struct stat info {};
   ASSERT_EQ(::stat((dir_ / "machine.key").c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0600u);
-  EXPECT_EQ(info.st_size, 32);
+  EXPECT_EQ(std::tuple(info.st_mode & 0777, info.st_size), std::tuple(0600u, 32));
 }
 
 TEST_F(SecureStoreTest, ValuesThatCannotBeOpenedAreRefused) {

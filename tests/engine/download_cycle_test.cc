@@ -199,9 +199,10 @@ class DownloadCycleTest : public ::testing::Test {
 
 TEST_F(DownloadCycleTest, ThePackageArrivesIntactAndTheHistoryRecordsTheCycle) {
   AnswerSources(publicKey_);
-  auto request = Request();
+  auto request = Request("priority=\"Normal\" urgentDownload=\"true\" downloadStartSLA=\"60\"");
   RunOneCycle(request);
   EXPECT_EQ(request->status(), PKGDLV_VALID) << request->statusDescription;
+  EXPECT_EQ(request->GetSlaRemainingMinutes(), 60) << "the urgent download's deadline starts when it is queued";
   EXPECT_TRUE(FilesMatchPublished(PackageFolder()));
   EXPECT_EQ(ReadFile(PackageFolder() / "snapshot.xml"), ReadFile(env_.dir / "pub" / "snap" / "snapshot.xml"))
       << "kept byte for byte: its signature covers it";
@@ -218,6 +219,12 @@ TEST_F(DownloadCycleTest, ThePackageArrivesIntactAndTheHistoryRecordsTheCycle) {
   const size_t asked = sources_.Requests().size();
   EXPECT_EQ(RunOneCycle(request), nullptr);
   EXPECT_EQ(sources_.Requests().size(), asked);
+  // A request for the sources only leaves the files alone.
+  Restart();
+  auto remote = Request("priority=\"Normal\" remote=\"true\"");
+  RunOneCycle(remote);
+  EXPECT_EQ(OutcomeOf(*remote), Outcome(PKGDLV_INVALID, "Download package sources completed OK"));
+  EXPECT_FALSE(fs::exists(PackageFolder() / "readme.txt"));
 }
 
 TEST_F(DownloadCycleTest, ABadSnapshotOrAFullDiskFailsTheCycleBeforeAnyFileIsFetched) {
@@ -226,17 +233,21 @@ TEST_F(DownloadCycleTest, ABadSnapshotOrAFullDiskFailsTheCycleBeforeAnyFileIsFet
     std::string key;  // the key the sources name
     uint64_t freeBytes;
     std::string description;
+    std::string sources = {};  // the Quillon Server's answer instead of the package's sources
   } cases[] = {
       {"snapshot signed by another key", env_.services.crypto->PublicKeyBase64FromPrivateKey(TestKey("EC", 1)),
        UINT64_MAX / 2, "The snapshot received does not correspond the signature."},
       // 2,621,446 bytes missing need a fifth more above the 500 MiB minimum.
       {"disk one byte short", publicKey_, 500ull * 1048576 + 2'621'446ull * 6 / 5 - 1,
        "There is not enough space on the disk"},
+      {"server busy", publicKey_, UINT64_MAX / 2, "WARNING: The server is currently busy",
+       "<Error number=\"8004200C\"/>"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Restart();
     AnswerSources(c.key);
+    if (!c.sources.empty()) sources_.AddFile("/QS/GetPackageInfo.aspx", c.sources, {{"Content-Type", "text/xml"}});
     volumes_->Set(WorkFolder(), c.freeBytes);
     auto request = Request();
     RunOneCycle(request);

@@ -156,23 +156,5 @@ TEST_F(DownloadQueueTest, AttemptTimeLimitGivesUp) {
   EXPECT_TRUE(Fail(IdOf(1), /*progress=*/true));
 }
 
-// A peer configuration shorter than its structure is refused, not read.
-TEST_F(DownloadQueueTest, AShortPeerConfigurationFailsTheRetry) {
-  testing::FakePeerConfigurationSource peer;
-  PeerConfiguration config;
-  config.structureSize = 55;
-  peer.Set(config);
-  queue_.SetPriority(IdOf(1), 0, 1000);
-  try {
-    Fail(IdOf(1), false, false, 0, &peer);
-    ADD_FAILURE() << "the retry was planned";
-  } catch (const Error& error) {
-    EXPECT_EQ(std::make_tuple(error.code(), error.description()),
-              std::make_tuple(Result{0x80070FDF}, "Invalid structure size received"));
-  }
-  EXPECT_FALSE(queue_.IsRetryPending(IdOf(1)));
-  EXPECT_EQ(peer.Readers(), std::vector<std::string>{"DownloadQueue"});
-}
-
 }  // namespace
 }  // namespace pkgdlv

@@ -26,7 +26,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ScriptedStep;
 
-constexpr uint64_t kMinuteMs = 60'000;
 using StatusText = std::pair<int32_t, std::string>;
 const std::string kPreempted = "Package download waiting for completion of higher priority job";
 const std::string kSuspended = "Package download suspended";
@@ -373,22 +372,6 @@ TEST_F(PackageManagerTest, AClientThatChangesDuringTheWaitIsJudgedAgain) {
   Queue(IdOf(1));  // wakes the thread
   ASSERT_TRUE(AwaitLog("Client is not registered. Package download is suspended."));
   EXPECT_EQ(downloader_->Attempts().size(), 1u);
-}
-
-// What queuing decides about a resumed record reaches its document, which is
-// read again before the download.
-TEST_F(PackageManagerTest, QueuingAResumedUrgentPackageKeepsItsDeadlineStart) {
-  WritePackage(IdOf(1), Format("<Package id=\"%ls\" name=\"p\" version=\"1\" status=\"pending\" "
-                               "urgentDownload=\"true\" downloadStartSLA=\"60\"><Source/></Package>",
-                               IdOf(1).ToString()));
-  clock_->Advance(10 * kMinuteMs);
-  const FileTime queuedAt = clock_->Now();
-  Engine().ResumeDownloads();
-  clock_->Advance(30 * kMinuteMs);
-  std::shared_ptr<PackageRequest> request = engine_->WaitForReadyPackage();
-  ASSERT_TRUE(request);
-  EXPECT_EQ(request->SLAStartTime / kFileTimeTicksPerSecond, queuedAt / kFileTimeTicksPerSecond);
-  EXPECT_EQ(request->GetSlaRemainingMinutes(), 30u);
 }
 
 // Work that holds the queue lock (the quick check of a queued package's

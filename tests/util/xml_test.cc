@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <stdexcept>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -168,16 +168,15 @@ TEST(XmlSaxTest, DeliversEventsInDocumentOrderFromMemoryAndFile) {
   EXPECT_EQ(from_utf16.Finish(), events);
 }
 
+// A handler that throws leaves the parse, and the parser stays usable.
 TEST(XmlSaxTest, HandlerExceptionLeavesTheParse) {
   struct Throwing : SAXContentHandler {
     SAXAction StartElement(std::string_view name, const SAXAttributes&) override {
-      if (name == "b") throw std::runtime_error("handler gave up");
-      return SAXAction::kContinue;
+      return name == "b" ? throw std::runtime_error("handler gave up") : SAXAction::kContinue;
     }
   } handler;
   SAXParser parser;
   EXPECT_THROW(parser.ParseMemory("<a><b/><c/></a>", handler), std::runtime_error);
-  // The parser is usable afterwards.
   SAXContentHandler quiet;
   EXPECT_EQ(parser.ParseMemory("<a/>", quiet), SAXParser::Outcome::kCompleted);
 }
