@@ -253,11 +253,11 @@ uint64_t BlockDownload::RequestBlock(const AttemptInput& input, FileRun& run, co
   const NetworkTransport::ByteSink sink = [this](std::span<const uint8_t> bytes) { writer_->Append(bytes); };
   std::optional<uint64_t> firstNotReady;
   while (true) {
+    // Each try starts the block afresh; the blocks before that the writer
+    // finished meanwhile are marked (a failure of theirs ends the file).
+    writer_->Receive(block, handling);
+    CollectBlocks(input, run, BlockWriter::Wait::kReady);
     try {
-      // Each try starts the block afresh; the blocks before that the writer
-      // finished meanwhile are marked.
-      writer_->Receive(block, handling);
-      CollectBlocks(input, run, BlockWriter::Wait::kReady);
       RangeResult range = transport.DownloadRange(run.source, block.offset, block.length, sink);
       // A source that moved (a redirect) is asked directly for the rest of
       // this file; the next file starts again from the source given.
