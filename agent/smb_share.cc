@@ -1,6 +1,5 @@
 #include "agent/smb_share.h"
 
-#include <libsmbclient.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -9,6 +8,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "agent/smb_library.h"
 #include "transport/location.h"
 #include "util/error.h"
 #include "util/filetime.h"
@@ -109,10 +109,10 @@ class RemoteHandle {
 };
 
 struct CloseFile {
-  int operator()(SMBCCTX* ctx, SMBCFILE* file) const { return smbc_getFunctionClose(ctx)(ctx, file); }
+  int operator()(SMBCCTX* ctx, SMBCFILE* file) const { return SmbClient().getFunctionClose(ctx)(ctx, file); }
 };
 struct CloseFolder {
-  int operator()(SMBCCTX* ctx, SMBCFILE* folder) const { return smbc_getFunctionClosedir(ctx)(ctx, folder); }
+  int operator()(SMBCCTX* ctx, SMBCFILE* folder) const { return SmbClient().getFunctionClosedir(ctx)(ctx, folder); }
 };
 using RemoteFile = RemoteHandle<SMBCFILE, CloseFile>;
 using RemoteFolder = RemoteHandle<SMBCFILE, CloseFolder>;
@@ -132,20 +132,20 @@ class SmbShare::Context {
  public:
   Context(AbortCheck aborted, uint16_t port) : aborted_(std::move(aborted)) {
     std::lock_guard lock(LibraryLock());
-    SMBCCTX* made = smbc_new_context();
+    SMBCCTX* made = SmbClient().new_context();
     if (!made) Throw(result::kFail, "Cannot start the file share client: %hs", std::strerror(errno));
-    smbc_setDebug(made, 0);
-    smbc_setOptionUserData(made, this);
-    smbc_setFunctionAuthDataWithContext(made, &Context::Authenticate);
-    smbc_setOptionUseKerberos(made, false);
-    smbc_setOptionUseCCache(made, false);
-    smbc_setOptionNoAutoAnonymousLogin(made, false);
-    smbc_setOptionProtocols(made, "SMB2_02", "SMB3");
-    smbc_setTimeout(made, 30'000);
-    if (port != 0) smbc_setPort(made, port);
-    if (!smbc_init_context(made)) {
+    SmbClient().setDebug(made, 0);
+    SmbClient().setOptionUserData(made, this);
+    SmbClient().setFunctionAuthDataWithContext(made, &Context::Authenticate);
+    SmbClient().setOptionUseKerberos(made, false);
+    SmbClient().setOptionUseCCache(made, false);
+    SmbClient().setOptionNoAutoAnonymousLogin(made, false);
+    SmbClient().setOptionProtocols(made, "SMB2_02", "SMB3");
+    SmbClient().setTimeout(made, 30'000);
+    if (port != 0) SmbClient().setPort(made, port);
+    if (!SmbClient().init_context(made)) {
       int error = errno;
-      smbc_free_context(made, 1);
+      SmbClient().free_context(made, 1);
       Throw(result::kFail, "Cannot start the file share client: %hs", std::strerror(error));
     }
     ctx_ = made;
@@ -154,7 +154,7 @@ class SmbShare::Context {
   ~Context() {
     {
       std::lock_guard lock(LibraryLock());
-      smbc_free_context(ctx_, 1);
+      SmbClient().free_context(ctx_, 1);
     }
     Wipe();
   }
@@ -170,15 +170,15 @@ class SmbShare::Context {
     password_ = password;
     std::lock_guard lock(LibraryLock());
     // Cached sessions carry the old logon; the next call makes a new one.
-    smbc_getFunctionPurgeCachedServers(ctx_)(ctx_);
+    SmbClient().getFunctionPurgeCachedServers(ctx_)(ctx_);
     // Credentials that the server refuses must fail, not become a guest
     // session.
-    smbc_setOptionNoAutoAnonymousLogin(ctx_, !user_.empty());
+    SmbClient().setOptionNoAutoAnonymousLogin(ctx_, !user_.empty());
   }
 
   void SetTimeout(uint32_t timeout_ms) {
     std::lock_guard lock(LibraryLock());
-    smbc_setTimeout(ctx_, static_cast<int>(std::min<uint32_t>(timeout_ms, INT32_MAX)));
+    SmbClient().setTimeout(ctx_, static_cast<int>(std::min<uint32_t>(timeout_ms, INT32_MAX)));
   }
 
   uint64_t ReadRange(const std::string& url, uint64_t first, uint64_t length, const Sink& sink) {
@@ -187,7 +187,7 @@ class SmbShare::Context {
     if (first > 0) {
       int error = 0;
       off_t at = Locked(error, [&] {
-        return smbc_getFunctionLseek(ctx_)(ctx_, file.get(), static_cast<off_t>(first), SEEK_SET);
+        return SmbClient().getFunctionLseek(ctx_)(ctx_, file.get(), static_cast<off_t>(first), SEEK_SET);
       });
       if (at < 0) Fail(url, error);
     }
@@ -199,7 +199,7 @@ class SmbShare::Context {
     RemoteFile file = Open(url);
     struct stat st {};
     int error = 0;
-    if (Locked(error, [&] { return smbc_getFunctionFstat(ctx_)(ctx_, file.get(), &st); }) == 0 &&
+    if (Locked(error, [&] { return SmbClient().getFunctionFstat(ctx_)(ctx_, file.get(), &st); }) == 0 &&
         static_cast<uint64_t>(st.st_size) > max_bytes) {
       TooLarge(url);
     }
@@ -207,7 +207,7 @@ class SmbShare::Context {
     // The file may have grown since; one more byte tells.
     uint8_t extra = 0;
     if (received == max_bytes &&
-        Locked(error, [&] { return smbc_getFunctionRead(ctx_)(ctx_, file.get(), &extra, 1); }) > 0) {
+        Locked(error, [&] { return SmbClient().getFunctionRead(ctx_)(ctx_, file.get(), &extra, 1); }) > 0) {
       TooLarge(url);
     }
     return received;
@@ -217,7 +217,7 @@ class SmbShare::Context {
     ThrowIfAborted(url);
     struct stat st {};
     int error = 0;
-    int rc = Locked(error, [&] { return smbc_getFunctionStat(ctx_)(ctx_, url.c_str(), &st); });
+    int rc = Locked(error, [&] { return SmbClient().getFunctionStat(ctx_)(ctx_, url.c_str(), &st); });
     if (rc != 0 || !S_ISDIR(st.st_mode)) {
       Result code = rc == 0 ? result::kPathNotFound : MapShareErrno(error);
       if (code == result::kFileNotFound) code = result::kPathNotFound;
@@ -232,7 +232,7 @@ class SmbShare::Context {
  private:
   static void Authenticate(SMBCCTX* c, const char*, const char*, char* workgroup, int workgroup_size,
                            char* user, int user_size, char* password, int password_size) {
-    auto* self = static_cast<Context*>(smbc_getOptionUserData(c));
+    auto* self = static_cast<Context*>(SmbClient().getOptionUserData(c));
     if (!self->domain_.empty()) CopyField(workgroup, workgroup_size, self->domain_);
     CopyField(user, user_size, self->user_);
     CopyField(password, password_size, self->password_);
@@ -262,13 +262,13 @@ class SmbShare::Context {
   bool IsFolder(const std::string& url) {
     struct stat st {};
     int error = 0;
-    int rc = Locked(error, [&] { return smbc_getFunctionStat(ctx_)(ctx_, url.c_str(), &st); });
+    int rc = Locked(error, [&] { return SmbClient().getFunctionStat(ctx_)(ctx_, url.c_str(), &st); });
     return rc == 0 && S_ISDIR(st.st_mode);
   }
 
   RemoteFile Open(const std::string& url) {
     int error = 0;
-    SMBCFILE* file = Locked(error, [&] { return smbc_getFunctionOpen(ctx_)(ctx_, url.c_str(), O_RDONLY, 0); });
+    SMBCFILE* file = Locked(error, [&] { return SmbClient().getFunctionOpen(ctx_)(ctx_, url.c_str(), O_RDONLY, 0); });
     if (!file) {
       // A file whose folder is missing is "path not found".
       if (MapShareErrno(error) == result::kFileNotFound && IsBelowShare(url) && !IsFolder(ParentUrl(url))) {
@@ -286,7 +286,7 @@ class SmbShare::Context {
       ThrowIfAborted(url);
       size_t want = static_cast<size_t>(std::min<uint64_t>(buffer.size(), length - done));
       int error = 0;
-      ssize_t got = Locked(error, [&] { return smbc_getFunctionRead(ctx_)(ctx_, file.get(), buffer.data(), want); });
+      ssize_t got = Locked(error, [&] { return SmbClient().getFunctionRead(ctx_)(ctx_, file.get(), buffer.data(), want); });
       if (got < 0) Fail(url, error);
       if (got == 0) break;
       done += static_cast<uint64_t>(got);
@@ -297,7 +297,7 @@ class SmbShare::Context {
 
   std::vector<RawEntry> ReadFolder(const std::string& url) {
     int error = 0;
-    SMBCFILE* handle = Locked(error, [&] { return smbc_getFunctionOpendir(ctx_)(ctx_, url.c_str()); });
+    SMBCFILE* handle = Locked(error, [&] { return SmbClient().getFunctionOpendir(ctx_)(ctx_, url.c_str()); });
     if (!handle) {
       Result code = MapShareErrno(error);
       Throw(code == result::kFileNotFound ? result::kPathNotFound : code, "Cannot list the folder '%ls': %hs", url,
@@ -308,7 +308,7 @@ class SmbShare::Context {
     while (true) {
       RawEntry entry;
       bool more = Locked(error, [&] {
-        const libsmb_file_info* info = smbc_getFunctionReaddirPlus2(ctx_)(ctx_, folder.get(), &entry.st);
+        const libsmb_file_info* info = SmbClient().getFunctionReaddirPlus2(ctx_)(ctx_, folder.get(), &entry.st);
         if (!info) return false;
         entry.name = info->name ? info->name : "";
         entry.attributes = info->attrs;
