@@ -149,12 +149,11 @@ class BlockDownload {
   // Returns the bytes received into the writer.
   uint64_t RequestBlock(const AttemptInput& input, FileRun& run, const BlockWriter::Block& block, uint32_t waitMs);
   // Takes the oldest block the writer has in hand, if any, once it is
-  // written (with kReady: only if it is already), and marks it: local map,
-  // statistics, the map's store and progress when due. False when none was
-  // taken.
-  bool CollectBlock(const AttemptInput& input, FileRun& run, BlockWriter::Wait wait = BlockWriter::Wait::kYes);
-  // Takes every block in hand (with kReady: those already written).
-  void CollectBlocks(const AttemptInput& input, FileRun& run, BlockWriter::Wait wait = BlockWriter::Wait::kYes);
+  // written, and marks it: local map, statistics, the map's store and
+  // progress when due. False when none was in hand.
+  bool CollectBlock(const AttemptInput& input, FileRun& run);
+  // Takes every block in hand.
+  void CollectBlocks(const AttemptInput& input, FileRun& run);
   void FinishFile(FileRun& run);
   void RaiseProgress(const FileRun& run);
 

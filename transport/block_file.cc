@@ -223,13 +223,13 @@ void BlockDownload::WalkBlocks(const AttemptInput& input, FileRun& run) {
   }
 }
 
-void BlockDownload::CollectBlocks(const AttemptInput& input, FileRun& run, BlockWriter::Wait wait) {
-  while (CollectBlock(input, run, wait)) {
+void BlockDownload::CollectBlocks(const AttemptInput& input, FileRun& run) {
+  while (CollectBlock(input, run)) {
   }
 }
 
-bool BlockDownload::CollectBlock(const AttemptInput& input, FileRun& run, BlockWriter::Wait wait) {
-  const std::optional<BlockWriter::Block> block = writer_->Collect(wait);
+bool BlockDownload::CollectBlock(const AttemptInput& input, FileRun& run) {
+  const std::optional<BlockWriter::Block> block = writer_->Collect();
   if (!block) return false;
   input.localMap->Set(run.entry().firstBlock + block->index, true);
   stats_.downloaded += block->length;
@@ -253,10 +253,12 @@ uint64_t BlockDownload::RequestBlock(const AttemptInput& input, FileRun& run, co
   const NetworkTransport::ByteSink sink = [this](std::span<const uint8_t> bytes) { writer_->Append(bytes); };
   std::optional<uint64_t> firstNotReady;
   while (true) {
-    // Each try starts the block afresh; the blocks before that the writer
-    // finished meanwhile are marked (a failure of theirs ends the file).
+    // Each try starts the block afresh. The blocks before the last one are
+    // written by then and are marked (a failure of theirs ends the file);
+    // the last one is left for the next block, so that what is marked when
+    // does not depend on the disk's speed.
     writer_->Receive(block, handling);
-    CollectBlocks(input, run, BlockWriter::Wait::kReady);
+    while (writer_->InHand() > 1) CollectBlock(input, run);
     try {
       RangeResult range = transport.DownloadRange(run.source, block.offset, block.length, sink);
       // A source that moved (a redirect) is asked directly for the rest of

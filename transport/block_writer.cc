@@ -155,9 +155,14 @@ void BlockWriter::Submit() {
   verified_ = written_ = ++submitted_;
 }
 
-std::optional<BlockWriter::Block> BlockWriter::Collect(Wait wait) {
+size_t BlockWriter::InHand() const {
+  std::lock_guard lock(mutex_);
+  return static_cast<size_t>(submitted_ - collected_);
+}
+
+std::optional<BlockWriter::Block> BlockWriter::Collect() {
   std::unique_lock lock(mutex_);
-  if (collected_ == submitted_ || (wait == Wait::kReady && written_ == collected_)) return std::nullopt;
+  if (collected_ == submitted_) return std::nullopt;
   ownerWake_.wait(lock, [this] { return written_ > collected_; });
   Slot& slot = slots_[collected_ % kSlots];
   ++collected_;

@@ -19,10 +19,10 @@
 // ordinary ones, and so does a block handled at once (kNow), where a write
 // that waits for the disk would overlap nothing.
 //
-// Use, per file: Begin; for each block Receive, Append its bytes (the
-// transport's sink), Submit; Collect(kReady) after each Receive to take the
-// blocks finished meanwhile; at the end (and on any failure) Collect until it
-// gives nothing. A block received but not submitted (a failed or repeated
+// Use, per file: Begin; for each block Receive, Collect while InHand() > 1
+// (those blocks are written by then, so this never waits), Append its bytes
+// (the transport's sink), Submit; at the end (and on any failure) Collect
+// until it gives nothing. A block received but not submitted (a failed or repeated
 // request) is dropped by the next Receive or Begin. Collect gives the blocks
 // in the order they were submitted, each only after it was verified and
 // written.
@@ -74,7 +74,6 @@ class BlockWriter {
   // right away, so nothing could overlap it and the hand-over would only add
   // wake-ups (which dominate a package of small files).
   enum class Handling { kInBackground, kNow };
-  enum class Wait { kYes, kReady };
 
   explicit BlockWriter(Logger& log);
   // Waits for the blocks submitted (their outcomes are dropped) and ends the
@@ -98,11 +97,13 @@ class BlockWriter {
   // kNow the block is verified and written when Submit returns; its outcome
   // is still taken by Collect.
   void Submit();
-  // The oldest block submitted and not collected: nullopt when there is none
-  // (with kReady: also when it is not written yet), the block when it is
-  // verified and written. When it failed, waits for the rest submitted, drops
-  // them, and throws its Error (already logged).
-  std::optional<Block> Collect(Wait wait = Wait::kYes);
+  // Blocks submitted and not yet collected.
+  size_t InHand() const;
+  // Waits for the oldest block submitted and not collected: nullopt when
+  // there is none, the block when it is verified and written. When it failed,
+  // waits for the rest submitted, drops them, and throws its Error (already
+  // logged).
+  std::optional<Block> Collect();
 
  private:
   class AlignedBuffer {

@@ -58,12 +58,13 @@ TEST(BlockWriterTest, OnlyVerifiedBlocksReachTheDiskAndFailuresSurfaceAtCollect)
     ::close(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     const int fd = ::open(path.c_str(), (c.readOnly ? O_RDONLY : O_WRONLY) | O_CLOEXEC);
     writer.Begin({fd, &package.snapshot, c.unverified ? &unhashed : &package.Entry("c.bin"), path.string()});
-    // As the block download walks a file: receive, collect what is done,
-    // append, submit (the last at once); the first failure ends the walk.
+    // As the block download walks a file: receive, collect all but the last
+    // block submitted, append, submit (the last at once); the first failure
+    // ends the walk.
     std::vector<uint32_t> collected;
     Result failure = 0;
-    auto collect = [&](BlockWriter::Wait wait) {
-      while (std::optional<BlockWriter::Block> block = writer.Collect(wait)) collected.push_back(block->index);
+    auto collect = [&](size_t keep) {
+      while (writer.InHand() > keep) collected.push_back(writer.Collect()->index);
     };
     try {
       for (uint32_t index = 0; index < kBlocks; ++index) {
@@ -73,7 +74,7 @@ TEST(BlockWriterTest, OnlyVerifiedBlocksReachTheDiskAndFailuresSurfaceAtCollect)
         const BlockWriter::Block block{index, offset, length};
         const auto how = last ? BlockWriter::Handling::kNow : BlockWriter::Handling::kInBackground;
         writer.Receive(block, how);
-        collect(BlockWriter::Wait::kReady);
+        collect(1);
         if (index == c.retried) {
           append(std::string(length / 2, '\xAA'));
           writer.Receive(block, how);
@@ -83,7 +84,7 @@ TEST(BlockWriterTest, OnlyVerifiedBlocksReachTheDiskAndFailuresSurfaceAtCollect)
         append(bytes);
         writer.Submit();
       }
-      collect(BlockWriter::Wait::kYes);
+      collect(0);
     } catch (const Error& e) {
       failure = e.code();
     }
