@@ -3,7 +3,6 @@
 #include "engine/download_cycle.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <map>
 
@@ -11,11 +10,9 @@
 #include "agent/crypto.h"
 #include "agent/volume_info.h"
 #include "engine/package_manager.h"
-#include "multicast/multicast_settings.h"
 #include "records/package_log.h"
 #include "snapshot/snapshot_builder.h"
 #include "snapshot/validation.h"
-#include "support/fake_multicast_core.h"
 #include "support/fake_peer_configuration.h"
 #include "support/http_test_server.h"
 #include "support/nginx_server.h"
@@ -41,9 +38,8 @@ Outcome OutcomeOf(const PackageRequest& request) { return {request.status(), req
 class FolderVolumes final : public VolumeInfo {
  public:
   void Set(const fs::path& folder, uint64_t freeBytes) { free_[folder.string()] = freeBytes; }
-  bool exactTimes = true;
   std::optional<VolumeDetails> Query(const fs::path& path) override {
-    VolumeDetails details{exactTimes ? "ext4" : "vfat", exactTimes, true, UINT64_MAX / 2, true};
+    VolumeDetails details{"ext4", true, true, UINT64_MAX / 2, true};
     size_t longest = 0;
     for (const auto& [folder, bytes] : free_) {
       if (path.string().starts_with(folder) && folder.size() >= longest) {
@@ -341,36 +337,6 @@ TEST_F(DownloadCycleTest, ThePeerStepWaitsForPeersOrPrefersAServerInTheSubnet) {
               std::make_tuple(c.status, c.description, c.searches, c.attemptsCounted));
     EXPECT_TRUE(env_.log->Contains(c.line));
   }
-}
-
-// Files that came by multicast are checked like any others; on a volume with
-// inexact times they pass and then take the snapshot's times.
-TEST_F(DownloadCycleTest, FilesThatCameByMulticastTakeTheSnapshotsTimes) {
-  auto core = std::make_shared<FakeMulticastCore>();
-  core->sessionsEndAtOnce = true;
-  core->onPrepare = [this] {
-    for (const char* file : kFiles) WriteFile(PackageFolder() / file, ReadFile(PublishedFiles() / file));
-  };
-  env_.services.multicast_core = core;
-  env_.services.settings->Set(kMulticastSettingsKey, "Enabled", SettingValue::Number(1));
-  env_.services.settings->Set(kMulticastSettingsKey, "Listen Range IP 1 Start", SettingValue::Text("10.0.0.1"));
-  env_.services.settings->Set(kMulticastSettingsKey, "Listen Range IP 1 End", SettingValue::Text(""));
-  volumes_->exactTimes = false;
-  AnswerSources(publicKey_);
-  Engine().multicast().Manage(MulticastEngine::kReevaluate);
-  ASSERT_EQ(Engine().multicast().Manage(MulticastEngine::kStart), MulticastEngine::kIdle);
-  auto request = Request();
-  RunOneCycle(request);
-
-  ASSERT_EQ(request->status(), PKGDLV_VALID) << request->statusDescription;
-  EXPECT_TRUE(env_.log->Contains("Some downloaded files have timestamps that do not match the snapshot."));
-  struct stat published {}, received {};
-  ASSERT_EQ(::stat((PublishedFiles() / "bin" / "tool.bin").c_str(), &published), 0);
-  ASSERT_EQ(::stat((PackageFolder() / "bin" / "tool.bin").c_str(), &received), 0);
-  const FileTime publishedTime = FileTimeFromTimespec(published.st_mtim);  // the snapshot keeps whole seconds
-  EXPECT_EQ(FileTimeFromTimespec(received.st_mtim), publishedTime - publishedTime % kFileTimeTicksPerSecond);
-  EXPECT_EQ(nginx_->AccessLog().size(), 2u) << "the snapshot and its security data only";
-  EXPECT_TRUE(env_.log->Contains(". Status: Multicast download completed."));
 }
 
 // The package server (127.0.0.1) lies in site "Head"; this computer in

@@ -120,12 +120,6 @@ class PackageManagerTest : public ::testing::Test {
     for (const testing::Attempt& attempt : downloader_->Attempts()) ids.push_back(attempt.id);
     return ids;
   }
-  // Takes the next package and runs its attempt, without the engine's thread.
-  void RunNextAttempt() {
-    std::shared_ptr<PackageRequest> request = Engine().WaitForReadyPackage();
-    ASSERT_TRUE(request);
-    Engine().PerformDownload(request);
-  }
   // Polls in real time for at most ten seconds.
   static bool Await(const std::function<bool()>& condition) {
     for (int i = 0; i < 1000; ++i) {
@@ -222,7 +216,9 @@ TEST_P(AttemptEndTest, OutcomeSetsStatusAndQueue) {
     if (c.stopEvent) Engine().stopEvent().Set();
   });
   Queue(IdOf(1));
-  RunNextAttempt();
+  std::shared_ptr<PackageRequest> request = Engine().WaitForReadyPackage();
+  ASSERT_TRUE(request);
+  Engine().PerformDownload(request);
   EXPECT_EQ(OnDisk(IdOf(1)), c.status);
   EXPECT_EQ(Engine().queue().Contains(IdOf(1)), c.staysQueued);
 }
@@ -259,18 +255,6 @@ TEST_F(PackageManagerTest, DecryptFailuresInARowResetTheClientIdentity) {
   EXPECT_EQ(counts, (std::vector<uint32_t>{1, 0, 1, 2, 0}));
   EXPECT_EQ(client_->resets.load(), 1);
   EXPECT_TRUE(log_->Contains("Decrypting errors are reached the allowed maximum (3)."));
-}
-
-TEST_F(PackageManagerTest, ResumeRunsInBatchesAndTheFirstDownloadDoesNotWaitForAllOfThem) {
-  for (int n = 1; n <= 600; ++n) WritePackage(IdOf(n), PackageDocument(IdOf(n), n % 2 ? "pending" : "retrying"));
-  std::vector<size_t> leftAtAttempt;
-  downloader_->OnAttempt([&](const Guid&) { leftAtAttempt.push_back(engine_->ResumeQueueSize()); });
-  Engine().Start();
-  ASSERT_TRUE(downloader_->AwaitAttempts(3));
-  engine_->Stop();
-  EXPECT_EQ(std::vector<size_t>(leftAtAttempt.begin(), leftAtAttempt.begin() + 3), (std::vector<size_t>{350, 100, 0}));
-  EXPECT_TRUE(log_->Contains("All packages are resumed and loaded."));
-  EXPECT_EQ(log_->Count("ResumeDownloads: resume package "), 600u);
 }
 
 TEST_F(PackageManagerTest, DamagedVanishedAndStrayFoldersNeverStopTheEngine) {

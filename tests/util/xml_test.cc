@@ -35,13 +35,6 @@ std::optional<Error> ErrorOf(const std::function<void()>& call) {
   return std::nullopt;
 }
 
-// ASCII text as UTF-16 (little-endian) with a byte order mark.
-std::string ToUtf16(std::string_view ascii) {
-  std::string out = "\xFF\xFE";
-  for (char c : ascii) out += std::string{c, '\0'};
-  return out;
-}
-
 struct HostileXml {
   std::string name;
   std::string text;
@@ -129,13 +122,6 @@ struct RecordingHandler : SAXContentHandler {
 
 using Events = std::vector<std::string>;
 
-// A document larger than the reader's chunks, so that parsing crosses them.
-std::string LargeSnapshot(int files) {
-  std::string doc = "<Snapshot><Root>";
-  for (int i = 0; i < files; ++i) doc += "<File name=\"file" + std::to_string(i) + ".bin\" blockHash=\"AAAA\"/>";
-  return doc + "</Root></Snapshot>";
-}
-
 // Events come in document order, with references resolved and runs of text
 // joined; a file, in UTF-8 or UTF-16, gives the same events as memory.
 TEST(XmlSaxTest, DeliversEventsInDocumentOrderFromMemoryAndFile) {
@@ -153,10 +139,15 @@ TEST(XmlSaxTest, DeliversEventsInDocumentOrderFromMemoryAndFile) {
   EXPECT_EQ(handler.bad_lookups, 0);
 
   testing::TempDir dir;
-  const std::string utf8 = LargeSnapshot(20000);
+  // Larger than the reader's chunks, so that parsing crosses them; the
+  // same text as UTF-16 (little-endian) with a byte order mark.
+  std::string utf8 = "<Snapshot><Root>", utf16 = "\xFF\xFE";
+  for (int i = 0; i < 20000; ++i) utf8 += "<File name=\"file" + std::to_string(i) + ".bin\" blockHash=\"AAAA\"/>";
+  utf8 += "</Root></Snapshot>";
+  for (char c : utf8) utf16 += std::string{c, '\0'};
   ASSERT_GT(utf8.size(), 3u * 256 * 1024);
   testing::WriteFile(dir / "utf8.xml", utf8);
-  testing::WriteFile(dir / "utf16.xml", ToUtf16(utf8));
+  testing::WriteFile(dir / "utf16.xml", utf16);
   RecordingHandler from_memory, from_file, from_utf16;
   EXPECT_EQ(parser.ParseMemory(utf8, from_memory), SAXParser::Outcome::kCompleted);
   EXPECT_EQ(parser.ParseFile(dir / "utf8.xml", from_file), SAXParser::Outcome::kCompleted);
