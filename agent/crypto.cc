@@ -28,19 +28,6 @@ Sha256Digest BlockHash(std::span<const uint8_t> block, std::span<const uint8_t> 
   return hmac.Compute(block, previous_hash);
 }
 
-BlockHasher::BlockHasher() : hmac_(std::make_unique<openssl::HmacSha256>()) {}
-
-BlockHasher::~BlockHasher() = default;
-
-void BlockHasher::Start(std::span<const uint8_t> previous_hash) {
-  CheckPreviousHash(previous_hash);
-  hmac_->Start(previous_hash);
-}
-
-void BlockHasher::Add(std::span<const uint8_t> piece) { hmac_->Add(piece); }
-
-Sha256Digest BlockHasher::Finish() { return hmac_->Finish(); }
-
 struct FileHasher::Contexts {
   openssl::Sha256Stream file;
   openssl::HmacSha256 block;

@@ -29,29 +29,6 @@ using Sha256Digest = std::array<uint8_t, kSha256Size>;
 // Error only when OpenSSL itself fails (out of memory).
 Sha256Digest BlockHash(std::span<const uint8_t> block, std::span<const uint8_t> previous_hash);
 
-namespace openssl {
-class HmacSha256;
-}
-
-// BlockHash fed piece by piece, for a block that is hashed while its bytes
-// arrive: Start with the key, Add the pieces in order, Finish. Start again
-// drops what was added. One thread at a time per object; throws like
-// BlockHash.
-class BlockHasher {
- public:
-  BlockHasher();
-  ~BlockHasher();
-  BlockHasher(const BlockHasher&) = delete;
-  BlockHasher& operator=(const BlockHasher&) = delete;
-
-  void Start(std::span<const uint8_t> previous_hash);
-  void Add(std::span<const uint8_t> piece);
-  Sha256Digest Finish();
-
- private:
-  std::unique_ptr<openssl::HmacSha256> hmac_;
-};
-
 // A file's whole-file SHA-256 and its block hash chain.
 struct FileHashes {
   uint64_t size = 0;                  // bytes read

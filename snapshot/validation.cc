@@ -109,35 +109,24 @@ Result Validator::ValidateBlock(const Snapshot& snapshot, const SnapshotEntry& e
                                 std::span<const uint8_t> data, const std::string& filePath, uint32_t logFlags,
                                 bool log) {
   if (options_.cancelled && options_.cancelled()) return validation::kCancelled;
-  const Result code = HashBlock(data, BlockKey(entry, blockIndex), hashOut_);
+  const uint32_t level = logFlags == 0 ? loglevel::kWarning : logFlags;
+  std::span<const uint8_t> expectedHashes(entry.blockHashes);
+  std::span<const uint8_t> previous;
+  if (blockIndex > 0 && size_t{blockIndex} * kBlockHashSize <= expectedHashes.size()) {
+    previous = expectedHashes.subspan((blockIndex - 1) * kBlockHashSize, kBlockHashSize);
+  }
+  Result code = HashBlock(data, previous, hashOut_);
+  if (code == 0 && hashOut_.size() != kBlockHashSize) code = validation::kBadHashSize;
   if (code != 0) {
     if (log) snapshot.log().Log(loglevel::kError, kComponent, "Failed to calculate block hash for file '%ls'", filePath);
     return code;
   }
-  return CompareBlockHash(snapshot, entry, blockIndex, hashOut_, filePath, logFlags, log);
-}
-
-std::span<const uint8_t> Validator::BlockKey(const SnapshotEntry& entry, uint32_t blockIndex) {
-  const std::span<const uint8_t> expectedHashes(entry.blockHashes);
-  if (blockIndex == 0 || size_t{blockIndex} * kBlockHashSize > expectedHashes.size()) return {};
-  return expectedHashes.subspan((blockIndex - 1) * kBlockHashSize, kBlockHashSize);
-}
-
-Result Validator::CompareBlockHash(const Snapshot& snapshot, const SnapshotEntry& entry, uint32_t blockIndex,
-                                   std::span<const uint8_t> hash, const std::string& filePath, uint32_t logFlags,
-                                   bool log) {
-  if (hash.size() != kBlockHashSize) {
-    if (log) snapshot.log().Log(loglevel::kError, kComponent, "Failed to calculate block hash for file '%ls'", filePath);
-    return validation::kBadHashSize;
-  }
-  const std::span<const uint8_t> expectedHashes(entry.blockHashes);
-  const bool matches = (size_t{blockIndex} + 1) * kBlockHashSize <= expectedHashes.size() &&
-                       std::equal(hash.begin(), hash.end(), expectedHashes.begin() + blockIndex * kBlockHashSize);
+  bool matches = (size_t{blockIndex} + 1) * kBlockHashSize <= expectedHashes.size() &&
+                 std::equal(hashOut_.begin(), hashOut_.end(), expectedHashes.begin() + blockIndex * kBlockHashSize);
   if (matches) return 0;
   if (log) {
-    snapshot.log().Log(logFlags == 0 ? loglevel::kWarning : logFlags, kComponent,
-                       "Block %u (%u/%u) is invalid for file '%ls'", blockIndex, entry.firstBlock + blockIndex + 1,
-                       snapshot.totalBlocks, filePath);
+    snapshot.log().Log(level, kComponent, "Block %u (%u/%u) is invalid for file '%ls'", blockIndex,
+                       entry.firstBlock + blockIndex + 1, snapshot.totalBlocks, filePath);
   }
   return validation::kBadBlock;
 }

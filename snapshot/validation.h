@@ -118,14 +118,6 @@ class Validator {
   // when 0) only when log is true.
   Result ValidateBlock(const Snapshot& snapshot, const SnapshotEntry& entry, uint32_t blockIndex,
                        std::span<const uint8_t> data, const std::string& filePath, uint32_t logFlags, bool log);
-  // The two halves of ValidateBlock, for a block hashed elsewhere while it
-  // arrives (BlockHasher of agent/crypto.h): the key its hash takes, and the
-  // comparison of the hash computed with the snapshot's, with the same
-  // result and lines.
-  static std::span<const uint8_t> BlockKey(const SnapshotEntry& entry, uint32_t blockIndex);
-  static Result CompareBlockHash(const Snapshot& snapshot, const SnapshotEntry& entry, uint32_t blockIndex,
-                                 std::span<const uint8_t> hash, const std::string& filePath, uint32_t logFlags,
-                                 bool log);
 
   // Checks one file against the snapshot and sets entry.state (1 valid, 2
   // invalid, 3 hash not computed) and entry.validBytes. With block hashes in

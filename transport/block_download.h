@@ -16,8 +16,8 @@
 // entries get their block hashes loaded and released again.
 //
 // Threads: DownloadAttempt runs on the engine's thread; while it runs, two
-// threads of its own hash each block as it arrives and write it while the
-// next one is requested (transport/block_writer.h). Another thread
+// threads of its own verify and write each received block while the next
+// one is requested (transport/block_writer.h). Another thread
 // cancels through PackageDownload::Cancel(): a running request ends, a wait
 // ends, and the attempt ends with 1223. Events and the store callback are
 // called on the engine's thread without a lock held. The reservation's

@@ -253,12 +253,12 @@ uint64_t BlockDownload::RequestBlock(const AttemptInput& input, FileRun& run, co
   const NetworkTransport::ByteSink sink = [this](std::span<const uint8_t> bytes) { writer_->Append(bytes); };
   std::optional<uint64_t> firstNotReady;
   while (true) {
-    // Each try starts the block afresh. The blocks before the last one are
+    // Each try starts the block afresh. The blocks before the last two are
     // written by then and are marked (a failure of theirs ends the file);
-    // the last one is left for the next block, so that what is marked when
+    // the last two are left for later blocks, so that what is marked when
     // does not depend on the disk's speed.
     writer_->Receive(block, handling);
-    while (writer_->InHand() > 1) CollectBlock(input, run);
+    while (writer_->InHand() > BlockWriter::kUnsettled) CollectBlock(input, run);
     try {
       RangeResult range = transport.DownloadRange(run.source, block.offset, block.length, sink);
       // A source that moved (a redirect) is asked directly for the rest of

@@ -11,7 +11,6 @@
 #include <string>
 #include <utility>
 
-#include "agent/crypto.h"
 #include "snapshot/snapshot.h"
 #include "transport/block_download_internal.h"
 
@@ -58,8 +57,8 @@ BlockWriter::~BlockWriter() {
 }
 
 void BlockWriter::Begin(const Target& target) {
-  std::unique_lock lock(mutex_);
-  DropReception(lock);
+  std::lock_guard lock(mutex_);
+  receivingOpen_ = false;
   target_ = target;
   checkFailed_ = writeFailed_ = false;
   direct_.Reset();
@@ -79,31 +78,22 @@ void BlockWriter::OpenDirect() {
   direct_.Reset(::open(self.c_str(), O_WRONLY | O_DIRECT | O_CLOEXEC));
 }
 
-void BlockWriter::DropReception(std::unique_lock<std::mutex>& lock) {
-  ++reception_;
-  receivingOpen_ = false;
-  received_ = 0;
-  ownerWake_.wait(lock, [this] { return !hashingReception_; });
-}
-
 void BlockWriter::Receive(const Block& block, Handling how) {
   std::unique_lock lock(mutex_);
-  DropReception(lock);
-  // The slot of the block three back must have been collected.
+  // This block's slot must have been collected.
   if (submitted_ - collected_ >= kSlots) throw std::logic_error("BlockWriter: blocks left uncollected");
-  // A killed process then loses this block and the one before at most.
-  ownerWake_.wait(lock, [this] { return written_ + 1 >= submitted_; });
+  ownerWake_.wait(lock, [this] { return started_ + 1 >= submitted_; });
   Slot& slot = slots_[submitted_ % kSlots];
   slot.block = block;
-  slot.reception = reception_;
   slot.failure = nullptr;
   slot.dropped = false;
   buffers_[submitted_ % kSlots].Get(block.length);
   receiving_ = how;
   receivingOpen_ = true;
-  verifierWants_ = std::min(verifierWants_, kPiece);
+  received_ = 0;
 }
 
+// No lock: the stage threads never look at the block being received.
 void BlockWriter::Append(std::span<const uint8_t> bytes) {
   const Block& block = slots_[submitted_ % kSlots].block;
   if (!receivingOpen_) throw std::logic_error("BlockWriter: no block is being received");
@@ -111,18 +101,9 @@ void BlockWriter::Append(std::span<const uint8_t> bytes) {
     Throw(result::kDownloadFailed, "More than the %u bytes of block %u arrived for file '%ls'", block.length,
           block.index, target_.path);
   }
-  // The verifier reads only the bytes below received_.
   std::memcpy(buffers_[submitted_ % kSlots].data() + received_, bytes.data(), bytes.size());
-  bool wake = false;
-  {
-    std::lock_guard lock(mutex_);
-    received_ += static_cast<uint32_t>(bytes.size());
-    wake = received_ >= verifierWants_;
-  }
-  if (wake) verifierWake_.notify_one();
+  received_ += static_cast<uint32_t>(bytes.size());
 }
-
-uint32_t BlockWriter::Received() const { return received_; }
 
 void BlockWriter::Submit() {
   const uint64_t sequence = submitted_;
@@ -152,7 +133,7 @@ void BlockWriter::Submit() {
     }
   }
   lock.lock();
-  verified_ = written_ = ++submitted_;
+  verified_ = started_ = written_ = ++submitted_;
 }
 
 size_t BlockWriter::InHand() const {
@@ -177,85 +158,28 @@ std::span<const uint8_t> BlockWriter::DataOf(uint64_t sequence) const {
   return std::span<const uint8_t>(buffers_[sequence % kSlots].data(), slots_[sequence % kSlots].block.length);
 }
 
-// The verifier follows the block being received piece by piece, so that the
-// check of a complete block is left with its last piece only.
 void BlockWriter::Verify() {
-  BlockHasher hasher;
-  Partial partial;
   std::unique_lock lock(mutex_);
   while (true) {
-    verifierWake_.wait(lock, [&] {
-      if (stop_ || verified_ < submitted_) return true;
-      const uint32_t from = partial.reception == reception_ ? partial.hashed : 0;
-      verifierWants_ = from + kPiece;
-      return receivingOpen_ && receiving_ == Handling::kInBackground && received_ >= verifierWants_;
-    });
-    verifierWants_ = UINT32_MAX;
-    if (verified_ < submitted_) {
-      FinishBlock(lock, hasher, partial);
-    } else if (stop_) {
-      return;  // nothing handed over is left
-    } else {
-      HashReceived(lock, hasher, partial);
-    }
-  }
-}
-
-void BlockWriter::HashReceived(std::unique_lock<std::mutex>& lock, BlockHasher& hasher, Partial& partial) {
-  if (partial.reception != reception_) partial = {reception_, 0, nullptr};
-  const uint64_t sequence = submitted_;
-  const uint32_t end = received_;
-  const bool skip = checkFailed_ || writeFailed_ || partial.failure;
-  hashingReception_ = true;
-  lock.unlock();
-  if (!skip) {
+    verifierWake_.wait(lock, [this] { return stop_ || verified_ < submitted_; });
+    if (verified_ == submitted_) return;  // stopping with nothing handed over
+    Slot& slot = slots_[verified_ % kSlots];
+    const std::span<const uint8_t> data = DataOf(verified_);
+    const bool skip = checkFailed_ || writeFailed_;
+    lock.unlock();
     try {
-      const SnapshotEntry& entry = *target_.entry;
-      const Block& block = slots_[sequence % kSlots].block;
-      if (!entry.blockHashes.empty()) {
-        if (partial.hashed == 0) hasher.Start(Validator::BlockKey(entry, block.index));
-        hasher.Add(std::span(buffers_[sequence % kSlots].data() + partial.hashed, end - partial.hashed));
-      }
+      if (!skip) Check(verifierValidator_, slot.block, data);
     } catch (...) {
-      partial.failure = std::current_exception();
+      slot.failure = std::current_exception();
     }
+    lock.lock();
+    // The file ends at a failed block: what follows is neither checked nor
+    // written, so the file holds no block past the failure.
+    if (slot.failure) checkFailed_ = true;
+    slot.dropped = skip;
+    ++verified_;
+    writerWake_.notify_one();
   }
-  partial.hashed = end;
-  lock.lock();
-  hashingReception_ = false;
-  ownerWake_.notify_one();
-}
-
-// The oldest block handed over: its remaining bytes are hashed and the hash
-// compared.
-void BlockWriter::FinishBlock(std::unique_lock<std::mutex>& lock, BlockHasher& hasher, Partial& partial) {
-  const uint64_t sequence = verified_;
-  Slot& slot = slots_[sequence % kSlots];
-  if (partial.reception != slot.reception) partial = {slot.reception, 0, nullptr};
-  const bool skip = checkFailed_ || writeFailed_;
-  lock.unlock();
-  try {
-    const SnapshotEntry& entry = *target_.entry;
-    if (!skip && partial.failure) std::rethrow_exception(partial.failure);
-    if (!skip && !entry.blockHashes.empty()) {
-      if (partial.hashed == 0) hasher.Start(Validator::BlockKey(entry, slot.block.index));
-      const std::span<const uint8_t> data = DataOf(sequence);
-      hasher.Add(data.subspan(partial.hashed));
-      const Sha256Digest hash = hasher.Finish();
-      ThrowIfBad(slot.block, Validator::CompareBlockHash(*target_.snapshot, entry, slot.block.index, hash,
-                                                         target_.path, 0, true));
-    }
-  } catch (...) {
-    slot.failure = std::current_exception();
-  }
-  partial = {};
-  lock.lock();
-  // The file ends at a failed block: what follows is neither checked nor
-  // written, so the file holds no block past the failure.
-  if (slot.failure) checkFailed_ = true;
-  slot.dropped = skip;
-  ++verified_;
-  writerWake_.notify_one();
 }
 
 void BlockWriter::Write() {
@@ -268,7 +192,9 @@ void BlockWriter::Write() {
     // Not checkFailed_: the verifier runs ahead, and the blocks before its
     // failure are still written.
     const bool skip = slot.failure || slot.dropped || writeFailed_;
+    started_ = written_ + 1;
     lock.unlock();
+    ownerWake_.notify_one();  // the next block may be received now
     if (!skip) {
       try {
         Store(slot.block, data, true);
@@ -284,14 +210,13 @@ void BlockWriter::Write() {
 }
 
 void BlockWriter::Check(Validator& validator, const Block& block, std::span<const uint8_t> data) {
-  if (target_.entry->blockHashes.empty()) return;
-  ThrowIfBad(block, validator.ValidateBlock(*target_.snapshot, *target_.entry, block.index, data, target_.path, 0, true));
-}
-
-void BlockWriter::ThrowIfBad(const Block& block, Result code) const {
+  const Snapshot& snapshot = *target_.snapshot;
+  const SnapshotEntry& entry = *target_.entry;
+  if (entry.blockHashes.empty()) return;
+  const Result code = validator.ValidateBlock(snapshot, entry, block.index, data, target_.path, 0, true);
   if (code == validation::kBadBlock) {
     throw Error(code, Format("Block %u (%u/%u) is invalid for file '%ls'", block.index,
-                             target_.entry->firstBlock + block.index + 1, target_.snapshot->totalBlocks, target_.path));
+                             entry.firstBlock + block.index + 1, snapshot.totalBlocks, target_.path));
   }
   if (code != 0) throw Error(code, Format("Failed to calculate block hash for file '%ls'", target_.path));
 }

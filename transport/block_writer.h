@@ -2,15 +2,16 @@
 // the blocks are still requested one at a time, in file order, while the
 // check and the write of one overlap the request of the next.
 //
-// Two stages, each on its thread: the verifier hashes a block while its bytes
-// arrive, piece by piece, and checks it against the snapshot once it is
-// complete; the writer writes the blocks the verifier passed. A block that
+// Two stages, each on its thread: the verifier checks a block against the
+// snapshot, the writer writes the blocks the verifier passed. A block that
 // fails its check is never written. Block n + 1 is keyed with the snapshot's
 // expected hash of block n, so a check never waits for another one.
 //
-// The next block is received only once every block but the one before is
-// written: a process that is killed loses at most the block it was receiving
-// and the one before it.
+// The next block is received only once the write of the block two back has
+// begun: a process that is killed loses the block it was receiving and the
+// one before it, and a third only when it is killed in the instant between
+// the writer taking a block and handing it to the kernel (a write the kernel
+// has begun on its way past the page cache is finished even then).
 //
 // The writer thread's writes of whole, aligned blocks bypass the page cache
 // (O_DIRECT) where the file system allows it: a copy into the page cache
@@ -19,13 +20,13 @@
 // ordinary ones, and so does a block handled at once (kNow), where a write
 // that waits for the disk would overlap nothing.
 //
-// Use, per file: Begin; for each block Receive, Collect while InHand() > 1
-// (those blocks are written by then, so this never waits), Append its bytes
-// (the transport's sink), Submit; at the end (and on any failure) Collect
-// until it gives nothing. A block received but not submitted (a failed or repeated
-// request) is dropped by the next Receive or Begin. Collect gives the blocks
-// in the order they were submitted, each only after it was verified and
-// written.
+// Use, per file: Begin; for each block Receive, Collect while InHand() >
+// kUnsettled (those blocks are written by then, so this never waits), Append
+// its bytes (the transport's sink), Submit; at the end (and on any failure)
+// Collect until it gives nothing. A block received but not submitted (a
+// failed or repeated request) is dropped by the next Receive or Begin.
+// Collect gives the blocks in the order they were submitted, each only after
+// it was verified and written.
 //
 // Ownership: the target (descriptor, snapshot, entry and its block hashes)
 // is the caller's and must stay open and unchanged until the last Collect.
@@ -46,7 +47,6 @@
 #include <string>
 #include <thread>
 
-#include "agent/crypto.h"
 #include "snapshot/validation.h"
 #include "util/unique_fd.h"
 
@@ -74,6 +74,8 @@ class BlockWriter {
   // right away, so nothing could overlap it and the hand-over would only add
   // wake-ups (which dominate a package of small files).
   enum class Handling { kInBackground, kNow };
+  // Blocks submitted that may still be unwritten when Receive returns.
+  static constexpr size_t kUnsettled = 2;
 
   explicit BlockWriter(Logger& log);
   // Waits for the blocks submitted (their outcomes are dropped) and ends the
@@ -84,15 +86,13 @@ class BlockWriter {
 
   // The next file. Nothing submitted may be left uncollected.
   void Begin(const Target& target);
-  // Starts receiving block: waits until every block submitted but the last
-  // is written. Drops the bytes of a block received before and not
-  // submitted.
+  // Starts receiving block: waits until the write of every block submitted
+  // but the last has begun. Drops the bytes of a block received before and
+  // not submitted.
   void Receive(const Block& block, Handling how);
   // The next bytes of the block being received. Throws Error 0x800C0008 when
   // they go past its length.
   void Append(std::span<const uint8_t> bytes);
-  // Bytes appended since Receive.
-  uint32_t Received() const;
   // Hands over the block being received, whose bytes must all be there. With
   // kNow the block is verified and written when Submit returns; its outcome
   // is still taken by Collect.
@@ -124,34 +124,16 @@ class BlockWriter {
     Block block;
     std::exception_ptr failure;
     bool dropped = false;  // after a failed block of its file: not written
-    uint64_t reception = 0;  // which reception its bytes came from
   };
-  // The block being received, the one before (being checked or written) and
-  // the one before that (written, perhaps not yet collected).
-  static constexpr size_t kSlots = 3;
-
-  // The verifier's hash of the block being received, so far.
-  struct Partial {
-    uint64_t reception = UINT64_MAX;  // the reception the hashed bytes are of
-    uint32_t hashed = 0;
-    std::exception_ptr failure;  // the hash itself failed (out of memory)
-  };
-  // The verifier hashes the block being received in pieces of at least this
-  // size: fewer wake-ups, and the check of a complete block is left with one
-  // piece at most.
-  static constexpr uint32_t kPiece = 256 * 1024;
+  // The block being received, the two before (being checked or written) and
+  // the one before those (written, perhaps not yet collected).
+  static constexpr size_t kSlots = kUnsettled + 2;
 
   void Verify();
   void Write();
-  // The verifier's two jobs; each releases the lock while it hashes.
-  void HashReceived(std::unique_lock<std::mutex>& lock, BlockHasher& hasher, Partial& partial);
-  void FinishBlock(std::unique_lock<std::mutex>& lock, BlockHasher& hasher, Partial& partial);
   void Check(Validator& validator, const Block& block, std::span<const uint8_t> data);
-  // Throws the Error of a check's result; nothing for 0.
-  void ThrowIfBad(const Block& block, Result code) const;
   void Store(const Block& block, std::span<const uint8_t> data, bool background);
   std::span<const uint8_t> DataOf(uint64_t sequence) const;
-  void DropReception(std::unique_lock<std::mutex>& lock);
   void OpenDirect();
 
   Logger& log_;
@@ -160,30 +142,26 @@ class BlockWriter {
   // thread's first block of the file.
   UniqueFd direct_;
   bool directTried_ = false;
-  Validator ownValidator_;  // the owning thread's, for kNow
+  Validator verifierValidator_;  // the verifier thread's: a validator keeps state
+  Validator ownValidator_;       // the owning thread's, for kNow
   AlignedBuffer buffers_[kSlots];
   Slot slots_[kSlots];  // block number s sits in slot s % kSlots
 
   // Block numbers, counted since construction: each stage has passed every
-  // block below its mark; collected_ <= written_ <= verified_ <= submitted_.
-  // Block submitted_ is the one being received.
+  // block below its mark; collected_ <= written_ <= started_ <= verified_ <=
+  // submitted_, where started_ counts the blocks whose write has begun. Block
+  // submitted_ is the one being received.
   mutable std::mutex mutex_;
   std::condition_variable verifierWake_, writerWake_, ownerWake_;
   uint64_t submitted_ = 0;
   uint64_t verified_ = 0;
+  uint64_t started_ = 0;
   uint64_t written_ = 0;
   uint64_t collected_ = 0;
-  // The block being received: its handling, the bytes there so far, and a
-  // count of receptions so that the verifier tells a new one from the old.
+  // The block being received (only the owning thread touches these).
   Handling receiving_ = Handling::kNow;
   bool receivingOpen_ = false;
   uint32_t received_ = 0;
-  uint64_t reception_ = 0;
-  // The verifier reads the block being received outside the lock; a new
-  // reception into the same buffer waits for it.
-  bool hashingReception_ = false;
-  // The verifier is waiting for this many bytes of the block being received.
-  uint32_t verifierWants_ = UINT32_MAX;
   // A block of this file failed its check (set by the verifier, which runs
   // ahead of the writer) or its write (set by the writer).
   bool checkFailed_ = false;

@@ -36,11 +36,11 @@ class BlockPackage {
  public:
   using Files = std::vector<std::pair<std::string, std::string>>;  // document path, content
 
-  explicit BlockPackage(Files files, uint32_t blockSize = kBlock) : files_(std::move(files)) {
+  explicit BlockPackage(Files files) : files_(std::move(files)) {
     for (const auto& [path, content] : files_) WriteFile(source / UrlPath(path), content);
     Snapshot built;
     SnapshotBuildOptions options;
-    options.blockSize = blockSize;
+    options.blockSize = kBlock;
     BuildSnapshotFromFolder(source, options, built);
     built.id = *Guid::Parse(kBlockPackageId);
     built.time = FileTimeFromUnixSeconds(1700000000);

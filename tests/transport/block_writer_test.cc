@@ -16,14 +16,13 @@
 namespace pkgdlv {
 namespace {
 
-// Blocks of several verifier pieces, appended in small pieces as a transport
-// hands them over, so that each block is hashed while it arrives.
-constexpr uint32_t kBlock = 640 * 1024, kAppend = 64 * 1024;
+using testing::kBlock;
+constexpr uint32_t kAppend = 1000;  // a transport hands a block over in pieces
 constexpr uint32_t kNone = UINT32_MAX, kBlocks = 6;
 const std::string kContent = testing::PatternBytes(5 * kBlock + 300, 7);  // the last block short
 
 TEST(BlockWriterTest, OnlyVerifiedBlocksReachTheDiskAndFailuresSurfaceAtCollect) {
-  testing::BlockPackage package({{"c.bin", kContent}}, kBlock);
+  testing::BlockPackage package({{"c.bin", kContent}});
   ASSERT_TRUE(package.snapshot.LoadBlockHashes());
   SnapshotEntry unhashed = package.Entry("c.bin");
   unhashed.blockHashes.clear();
@@ -59,7 +58,7 @@ TEST(BlockWriterTest, OnlyVerifiedBlocksReachTheDiskAndFailuresSurfaceAtCollect)
     const int fd = ::open(path.c_str(), (c.readOnly ? O_RDONLY : O_WRONLY) | O_CLOEXEC);
     writer.Begin({fd, &package.snapshot, c.unverified ? &unhashed : &package.Entry("c.bin"), path.string()});
     // As the block download walks a file: receive, collect all but the last
-    // block submitted, append, submit (the last at once); the first failure
+    // blocks submitted, append, submit (the last at once); the first failure
     // ends the walk.
     std::vector<uint32_t> collected;
     Result failure = 0;
@@ -74,7 +73,7 @@ TEST(BlockWriterTest, OnlyVerifiedBlocksReachTheDiskAndFailuresSurfaceAtCollect)
         const BlockWriter::Block block{index, offset, length};
         const auto how = last ? BlockWriter::Handling::kNow : BlockWriter::Handling::kInBackground;
         writer.Receive(block, how);
-        collect(1);
+        collect(BlockWriter::kUnsettled);
         if (index == c.retried) {
           append(std::string(length / 2, '\xAA'));
           writer.Receive(block, how);
