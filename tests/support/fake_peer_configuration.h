@@ -1,11 +1,9 @@
 // A peer network configuration for tests: it hands out whatever the test set,
-// can refuse to attach, and remembers who asked.
+// and can refuse to attach.
 #pragma once
 
 #include <mutex>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "agent/peer_configuration.h"
 
@@ -13,9 +11,8 @@ namespace pkgdlv::testing {
 
 class FakePeerConfigurationSource final : public PeerConfigurationSource {
  public:
-  std::optional<PeerConfiguration> Read(std::string_view reader) override {
+  std::optional<PeerConfiguration> Read(std::string_view) override {
     std::lock_guard lock(mutex_);
-    readers_.emplace_back(reader);
     if (fail_attach_) return std::nullopt;
     return config_;
   }
@@ -29,16 +26,11 @@ class FakePeerConfigurationSource final : public PeerConfigurationSource {
     std::lock_guard lock(mutex_);
     fail_attach_ = fail;
   }
-  std::vector<std::string> Readers() {
-    std::lock_guard lock(mutex_);
-    return readers_;
-  }
 
  private:
   std::mutex mutex_;
   PeerConfiguration config_;
   bool fail_attach_ = false;
-  std::vector<std::string> readers_;
 };
 
 }  // namespace pkgdlv::testing
