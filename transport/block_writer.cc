@@ -42,8 +42,13 @@ std::span<uint8_t> BlockWriter::AlignedBuffer::Get(uint32_t length) {
   return std::span(data_.get(), length);
 }
 
-BlockWriter::BlockWriter(Logger& log)
-    : log_(log), verifier_([this] { Verify(); }), writer_([this] { Write(); }) {}
+void BlockWriter::AlignedBuffer::Release() {
+  data_.reset();
+  capacity_ = 0;
+}
+
+BlockWriter::BlockWriter(Logger& log, uint32_t largeBlock)
+    : log_(log), largeBlock_(largeBlock), verifier_([this] { Verify(); }), writer_([this] { Write(); }) {}
 
 BlockWriter::~BlockWriter() {
   {
@@ -88,7 +93,7 @@ void BlockWriter::Receive(const Block& block, Handling how) {
   slot.failure = nullptr;
   slot.dropped = false;
   buffers_[submitted_ % kSlots].Get(block.length);
-  receiving_ = how;
+  receiving_ = block.length > largeBlock_ ? Handling::kNow : how;
   receivingOpen_ = true;
   received_ = 0;
 }
@@ -132,8 +137,16 @@ void BlockWriter::Submit() {
       slot.failure = std::current_exception();
     }
   }
+  if (slot.block.length > largeBlock_) buffers_[sequence % kSlots].Release();
   lock.lock();
+  if (slot.failure) checkFailed_ = true;  // the file ends here, as after a failure in the background
   verified_ = started_ = written_ = ++submitted_;
+}
+
+size_t BlockWriter::BufferBytes() const {
+  size_t bytes = 0;
+  for (const AlignedBuffer& buffer : buffers_) bytes += buffer.capacity();
+  return bytes;
 }
 
 size_t BlockWriter::InHand() const {

@@ -76,8 +76,13 @@ class BlockWriter {
   enum class Handling { kInBackground, kNow };
   // Blocks submitted that may still be unwritten when Receive returns.
   static constexpr size_t kUnsettled = 2;
+  // Blocks longer than this are handled at once, one at a time, and their
+  // buffer is given back after the write: a snapshot's block size must not
+  // make the writer hold several such blocks (a block is never longer than
+  // its file, but a file may be gigabytes).
+  static constexpr uint32_t kLargeBlock = 16u << 20;
 
-  explicit BlockWriter(Logger& log);
+  explicit BlockWriter(Logger& log, uint32_t largeBlock = kLargeBlock);
   // Waits for the blocks submitted (their outcomes are dropped) and ends the
   // threads.
   ~BlockWriter();
@@ -99,6 +104,8 @@ class BlockWriter {
   void Submit();
   // Blocks submitted and not yet collected.
   size_t InHand() const;
+  // The memory the block buffers take.
+  size_t BufferBytes() const;
   // Waits for the oldest block submitted and not collected: nullopt when
   // there is none, the block when it is verified and written. When it failed,
   // waits for the rest submitted, drops them, and throws its Error (already
@@ -111,7 +118,9 @@ class BlockWriter {
     // Room for length bytes (kept for longer blocks); the contents are lost
     // when it grows.
     std::span<uint8_t> Get(uint32_t length);
+    void Release();
     uint8_t* data() const { return data_.get(); }
+    size_t capacity() const { return capacity_; }
 
    private:
     struct Free {
@@ -137,6 +146,7 @@ class BlockWriter {
   void OpenDirect();
 
   Logger& log_;
+  const uint32_t largeBlock_;
   Target target_;
   // The target opened again without the page cache (or -1), on the writer
   // thread's first block of the file.

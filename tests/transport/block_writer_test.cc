@@ -32,6 +32,7 @@ TEST(BlockWriterTest, OnlyVerifiedBlocksReachTheDiskAndFailuresSurfaceAtCollect)
     std::vector<uint32_t> collected;
     Result failure;
     uint64_t bytesOnDisk;  // a prefix of the source, nothing after it
+    bool large = false;    // every full block counts as large: handled at once, its buffer given back
   } cases[] = {
       {kNone, kNone, false, false, {0, 1, 2, 3, 4, 5}, 0, kContent.size()},
       {kNone, 2, false, false, {0, 1, 2, 3, 4, 5}, 0, kContent.size()},
@@ -40,19 +41,23 @@ TEST(BlockWriterTest, OnlyVerifiedBlocksReachTheDiskAndFailuresSurfaceAtCollect)
       {5, kNone, false, false, {0, 1, 2, 3, 4}, validation::kBadBlock, 5 * kBlock},  // the last, checked at once
       {3, kNone, true, false, {0, 1, 2, 3, 4, 5}, 0, kContent.size()},
       {kNone, kNone, false, true, {}, ResultFromErrno(EBADF), 0},
+      {kNone, kNone, false, false, {0, 1, 2, 3, 4, 5}, 0, kContent.size(), true},
+      {2, kNone, false, false, {0, 1}, validation::kBadBlock, 2 * kBlock, true},
   };
   NullLogger log;
-  BlockWriter writer(log);  // one for every case, as one attempt walks file after file
+  // One for every case, as one attempt walks file after file.
+  BlockWriter usual(log), largeBlocks(log, kBlock - 1);
   std::filesystem::create_directories(package.target);
   const std::filesystem::path path = package.target / "c.bin";
-  auto append = [&](std::string_view bytes) {
+  auto append = [](BlockWriter& writer, std::string_view bytes) {
     for (size_t at = 0; at < bytes.size(); at += kAppend) {
       const std::string_view piece = bytes.substr(at, kAppend);
       writer.Append(std::span(reinterpret_cast<const uint8_t*>(piece.data()), piece.size()));
     }
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.corrupt << c.retried << c.unverified << c.readOnly);
+    SCOPED_TRACE(::testing::Message() << c.corrupt << c.retried << c.unverified << c.readOnly << c.large);
+    BlockWriter& writer = c.large ? largeBlocks : usual;
     std::filesystem::remove(path);
     ::close(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     const int fd = ::open(path.c_str(), (c.readOnly ? O_RDONLY : O_WRONLY) | O_CLOEXEC);
@@ -75,12 +80,12 @@ TEST(BlockWriterTest, OnlyVerifiedBlocksReachTheDiskAndFailuresSurfaceAtCollect)
         writer.Receive(block, how);
         collect(BlockWriter::kUnsettled);
         if (index == c.retried) {
-          append(std::string(length / 2, '\xAA'));
+          append(writer, std::string(length / 2, '\xAA'));
           writer.Receive(block, how);
         }
         std::string bytes = kContent.substr(offset, length);
         if (index == c.corrupt) bytes[length / 2] ^= static_cast<char>(0xFF);
-        append(bytes);
+        append(writer, bytes);
         writer.Submit();
       }
       collect(0);
@@ -93,10 +98,13 @@ TEST(BlockWriterTest, OnlyVerifiedBlocksReachTheDiskAndFailuresSurfaceAtCollect)
     std::string expected = kContent.substr(0, c.bytesOnDisk);
     if (c.unverified && c.corrupt != kNone) expected[c.corrupt * kBlock + kBlock / 2] ^= static_cast<char>(0xFF);
     EXPECT_EQ(testing::ReadFile(path), expected);
+    if (c.large) {
+      EXPECT_LE(writer.BufferBytes(), size_t{kBlock}) << "large blocks are not kept";
+    }
   }
   // A source that sends more than the block is cut off.
-  writer.Receive({0, 0, 10}, BlockWriter::Handling::kInBackground);
-  EXPECT_THROW(append(std::string(11, 'x')), Error);
+  usual.Receive({0, 0, 10}, BlockWriter::Handling::kInBackground);
+  EXPECT_THROW(append(usual, std::string(11, 'x')), Error);
 }
 
 }  // namespace
