@@ -87,6 +87,8 @@ void BlockWriter::Receive(const Block& block, Handling how) {
   std::unique_lock lock(mutex_);
   // This block's slot must have been collected.
   if (submitted_ - collected_ >= kSlots) throw std::logic_error("BlockWriter: blocks left uncollected");
+  // The write of every block but the last one under way: a killed process
+  // loses this block and the last one.
   ownerWake_.wait(lock, [this] { return started_ + 1 >= submitted_; });
   Slot& slot = slots_[submitted_ % kSlots];
   slot.block = block;
