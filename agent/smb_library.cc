@@ -2,9 +2,6 @@
 
 #include <dlfcn.h>
 
-#include <mutex>
-#include <optional>
-
 #include "util/error.h"
 
 namespace pkgdlv {
@@ -13,7 +10,7 @@ namespace {
 
 // The library stays loaded for the life of the process: contexts made from
 // it may outlive any one user.
-std::optional<SmbClientFunctions> Load() {
+SmbClientFunctions Load() {
   void* library = ::dlopen("libsmbclient.so.0", RTLD_NOW | RTLD_LOCAL);
   if (!library) Throw(result::kFail, "Cannot start the file share client: %hs", ::dlerror());
   SmbClientFunctions functions;
@@ -27,12 +24,10 @@ std::optional<SmbClientFunctions> Load() {
 
 }  // namespace
 
+// A failed load leaves the static uninitialised, so the next call tries again.
 const SmbClientFunctions& SmbClient() {
-  static std::mutex mutex;
-  static std::optional<SmbClientFunctions> loaded;
-  std::lock_guard lock(mutex);
-  if (!loaded) loaded = Load();
-  return *loaded;
+  static const SmbClientFunctions functions = Load();
+  return functions;
 }
 
 }  // namespace pkgdlv

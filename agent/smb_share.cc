@@ -286,7 +286,8 @@ class SmbShare::Context {
       ThrowIfAborted(url);
       size_t want = static_cast<size_t>(std::min<uint64_t>(buffer.size(), length - done));
       int error = 0;
-      ssize_t got = Locked(error, [&] { return SmbClient().getFunctionRead(ctx_)(ctx_, file.get(), buffer.data(), want); });
+      ssize_t got =
+          Locked(error, [&] { return SmbClient().getFunctionRead(ctx_)(ctx_, file.get(), buffer.data(), want); });
       if (got < 0) Fail(url, error);
       if (got == 0) break;
       done += static_cast<uint64_t>(got);
